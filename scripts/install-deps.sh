@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building and testing hotplugd need; fast when all are present.
+set -euo pipefail
+
+packages=(
+  cmake make g++ clang clang-format
+  googletest libgtest-dev
+  python3 python3-pytest
+  g++-mipsel-linux-gnu qemu-user-static
+  util-linux mount e2fsprogs dosfstools mtools disktype ntfs-3g tar
+  fuse3 libfuse3-dev pkg-config file
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  # dpkg-query prints "install ok installed" only for a fully installed package.
+  if [ "$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null)" != "install ok installed" ]; then
+    missing+=("$p")
+  fi
+done
+
+if [ "${#missing[@]}" -eq 0 ]; then
+  exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "install-deps: need root to install: ${missing[*]}" >&2
+  exit 1
+fi
+
+echo "install-deps: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

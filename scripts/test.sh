@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds every variant and runs every test; ends with one count line.
+#
+# Steps: native g++ build with its unit tests; clang build; clang ASan+UBSan and TSan builds
+# with their unit tests; the mipsel cross build with its unit tests under qemu-mipsel-static;
+# the pytest suite. A failing step does not stop the later ones; any failure fails the run.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh || exit 1
+
+results=build-results
+rm -rf "$results"
+mkdir -p "$results"
+jobs=$(nproc)
+reports=()
+failed_steps=()
+
+step() {
+    local name=$1
+    shift
+    echo "==== $name"
+    if ! "$@"; then
+        failed_steps+=("$name")
+    fi
+}
+
+# configure, build and test one preset; its CTest report lands in build-results/<preset>.xml
+cmake_variant() {
+    local preset=$1 run_tests=${2:-yes}
+    cmake --preset "$preset" >/dev/null &&
+        cmake --build --preset "$preset" -j "$jobs" >"$results/build-$preset.log" 2>&1 ||
+        { tail -n 40 "$results/build-$preset.log"; return 1; }
+    [ "$run_tests" = yes ] || return 0
+    reports+=("$results/ctest-$preset.xml")
+    ctest --preset "$preset" -j "$jobs" --output-junit "$PWD/$results/ctest-$preset.xml"
+}
+
+host_before=$(tests/sandbox/host-state --loops)
+
+step "native (g++)" cmake_variant default
+step "clang++ build" cmake_variant clang no
+step "AddressSanitizer + UBSan (clang++)" cmake_variant asan
+step "ThreadSanitizer (clang++)" cmake_variant tsan
+step "mipsel-linux-gnu under qemu" cmake_variant mipsel
+
+reports+=("$results/pytest.xml")
+step "pytest" /usr/bin/python3 -m pytest -q tests/integration --junitxml="$results/pytest.xml"
+
+host_after=$(tests/sandbox/host-state --loops)
+if [ "$host_before" != "$host_after" ]; then
+    echo "the host's mounts, loop devices or fixed paths changed during the tests:"
+    diff <(echo "$host_before") <(echo "$host_after")
+    failed_steps+=("host unchanged")
+fi
+
+echo "==== summary"
+/usr/bin/python3 scripts/summarize.py "${reports[@]}"
+summary=$?
+if [ "${#failed_steps[@]}" -gt 0 ]; then
+    echo "failed steps: ${failed_steps[*]}"
+    exit 1
+fi
+exit "$summary"

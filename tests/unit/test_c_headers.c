@@ -1,0 +1,41 @@
+/* Compiles every library header as C and calls through each, as the appliance's C programs do. */
+#include <stdio.h>
+#include <string.h>
+
+#include "lib/ktdaemon.h"
+#include "lib/ktlist.h"
+#include "lib/ktmap.h"
+#include "lib/ktmnglist.h"
+#include "lib/ktutf8.h"
+
+static int failures;
+
+static void check(int ok, const char *what) {
+    if (!ok) {
+        fprintf(stderr, "FAILED: %s\n", what);
+        failures++;
+    }
+}
+
+int main(void) {
+    ktmap *map = ktmap_create(strcmp);
+    char key[] = "DRIVE_LETTERA", value[] = "0123";
+    ktpair pair = {key, value};
+    check(map != NULL, "ktmap_create");
+    check(ktlist_insert(map->list, map->list, &pair) != NULL, "ktlist_insert");
+    check(ktmap_find(map, "DRIVE_LETTERA") == map->list->next, "ktmap_find");
+    ktmap_dispose(map);
+
+    ktmnglist *mlist = ktmnglist_create(NULL);
+    int record = 416, copy = 0;
+    ktmngiterator it = ktmnglist_insert(mlist, mlist->list, &record, sizeof record);
+    check(ktmngiterator_get_data(it, &copy, sizeof copy) == (int64_t)sizeof record && copy == 416,
+          "ktmngiterator_get_data");
+    check(ktmnglist_length(mlist) == 1, "ktmnglist_length");
+    ktmnglist_free(mlist);
+
+    check(kt_is_utf8("\xc3\xa9") == 1, "kt_is_utf8");
+    check(kt_round_utf8("ab", 2) == 1, "kt_round_utf8");
+    check(kt_create_pid_file(NULL) == -1, "kt_create_pid_file(NULL)");
+    return failures == 0 ? 0 : 1;
+}

@@ -1,0 +1,163 @@
+// Tests of daemonizing and the pid file, run in the sandbox where /var/run is a private tmpfs.
+#include "lib/ktdaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr const char *pid_path = "/var/run/hotplugd.pid";
+
+std::string read_file(const char *path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+struct PidFileTest : ::testing::Test {
+    void SetUp() override {
+        if (std::getenv("HOTPLUGD_SANDBOX") == nullptr)
+            GTEST_SKIP() << "needs tests/sandbox/run: it writes /var/run/hotplugd.pid";
+        unlink(pid_path);
+    }
+};
+
+// Starts a child that takes the pid file and then waits to be killed; returns its pid once
+// it holds the lock.
+pid_t start_holder() {
+    int ready[2];
+    if (pipe(ready) != 0)
+        return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(ready[0]);
+        char ok = kt_create_pid_file("hotplugd") >= 0 ? '1' : '0';
+        (void)!write(ready[1], &ok, 1);
+        pause();
+        _exit(0);
+    }
+    close(ready[1]);
+    char ok = 0;
+    if (read(ready[0], &ok, 1) != 1 || ok != '1') {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
+    }
+    close(ready[0]);
+    return pid;
+}
+
+TEST_F(PidFileTest, SecondInstanceFailsAndLeavesFirstPid) {
+    pid_t holder = start_holder();
+    ASSERT_GT(holder, 0);
+    EXPECT_EQ(read_file(pid_path), std::to_string(holder) + "\n");
+
+    EXPECT_EQ(kt_create_pid_file("hotplugd"), -1);
+    EXPECT_EQ(read_file(pid_path), std::to_string(holder) + "\n")
+        << "the lock is taken before truncating";
+
+    kill(holder, SIGKILL);
+    waitpid(holder, nullptr, 0);
+
+    // The stale file of the dead instance is taken over and rewritten.
+    int fd = kt_create_pid_file("hotplugd");
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(read_file(pid_path), std::to_string(getpid()) + "\n");
+    EXPECT_EQ(flock(open(pid_path, O_RDONLY), LOCK_EX | LOCK_NB), -1) << "still locked";
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    close(fd);
+}
+
+TEST_F(PidFileTest, LongerStalePidIsTruncated) {
+    {
+        std::ofstream stale(pid_path);
+        stale << "1234567890123\nrubbish\n";
+    }
+    int fd = kt_create_pid_file("hotplugd");
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(read_file(pid_path), std::to_string(getpid()) + "\n");
+    close(fd);
+}
+
+TEST_F(PidFileTest, ModeIsDecimal644LessUmask) {
+    for (mode_t mask : {0000, 0022, 0004, 0200}) {
+        unlink(pid_path);
+        mode_t old = umask(mask);
+        int fd = kt_create_pid_file("hotplugd");
+        umask(old);
+        ASSERT_GE(fd, 0);
+        struct stat st {};
+        ASSERT_EQ(stat(pid_path, &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 01204u & ~mask) << "umask " << std::oct << mask;
+        close(fd);
+    }
+}
+
+TEST_F(PidFileTest, UnwritableDirectoryOrNullNameFails) {
+    EXPECT_EQ(kt_create_pid_file(nullptr), -1);
+    EXPECT_EQ(kt_create_pid_file("no/such/dir"), -1);
+}
+
+// What the detached process reports about itself through a pipe.
+struct Report {
+    pid_t pid, sid;
+    mode_t umask;
+    int fd_closed[3];
+    char cwd[64];
+};
+
+TEST(Daemonize, DetachesAsNonLeaderInRootWithZeroUmask) {
+    int pipefd[2];
+    ASSERT_EQ(pipe(pipefd), 0);
+    pid_t caller = fork();
+    ASSERT_GE(caller, 0);
+    if (caller == 0) {
+        close(pipefd[0]);
+        umask(0077);
+        // Keep the report channel clear of 0-2, which kt_daemonize closes.
+        int out = fcntl(pipefd[1], F_DUPFD, 10);
+        if (kt_daemonize("hotplugd") != 0)
+            _exit(3);
+        Report r{};
+        r.pid = getpid();
+        r.sid = getsid(0);
+        r.umask = umask(0);
+        for (int fd = 0; fd < 3; ++fd)
+            r.fd_closed[fd] = fcntl(fd, F_GETFD) == -1 && errno == EBADF;
+        if (getcwd(r.cwd, sizeof r.cwd) == nullptr)
+            r.cwd[0] = 0;
+        (void)!write(out, &r, sizeof r);
+        _exit(0);
+    }
+    close(pipefd[1]);
+
+    // The caller's parent sees status 0 at once, while the daemon lives on.
+    int status = -1;
+    ASSERT_EQ(waitpid(caller, &status, 0), caller);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+
+    Report r{};
+    ASSERT_EQ(read(pipefd[0], &r, sizeof r), static_cast<ssize_t>(sizeof r));
+    close(pipefd[0]);
+    EXPECT_NE(r.pid, caller);
+    EXPECT_NE(r.sid, r.pid) << "the second fork leaves no session leader";
+    EXPECT_NE(r.sid, getsid(0)) << "a session of its own";
+    EXPECT_EQ(r.umask, 0u);
+    EXPECT_STREQ(r.cwd, "/");
+    EXPECT_TRUE(r.fd_closed[0] && r.fd_closed[1] && r.fd_closed[2]);
+}
+
+} // namespace
