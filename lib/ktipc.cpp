@@ -23,17 +23,6 @@ static_assert(path_size == 108, "socket paths are 108 bytes");
 static_assert(offsetof(sockaddr_un, sun_path) == 2, "the family is 2 bytes");
 static_assert(sizeof(sockaddr_un) == 110, "addresses handed to the kernel are 110 bytes");
 
-// Formats a channel path into `path`; the length the text wanted (it may have been cut), or a
-// negative value when formatting failed.
-__attribute__((format(printf, 2, 3))) int format_path(char (&path)[path_size], const char *fmt,
-                                                      ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    int n = std::vsnprintf(path, sizeof path, fmt, ap);
-    va_end(ap);
-    return n;
-}
-
 // A zero-filled address whose path holds at most 108 bytes of `path`; a 108-byte path keeps no
 // terminator, which the kernel accepts for a full-size address.
 sockaddr_un address_of(const char *path) {
@@ -59,6 +48,18 @@ ktipc *fail_create(ktipc *ipc, const char *path) {
     if (path != nullptr)
         unlink(path);
     return nullptr;
+}
+
+// Binds a channel at the formatted path once the directory is there; null on failure.
+__attribute__((format(printf, 2, 3))) ktipc *create_named(int flags, const char *fmt, ...) {
+    if (ktipc_make_dir() != 0)
+        return nullptr;
+    char path[path_size];
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(path, sizeof path, fmt, ap);
+    va_end(ap);
+    return n < 1 ? nullptr : ktipc_create(path, flags);
 }
 
 } // namespace
@@ -121,24 +122,16 @@ ktipc *ktipc_create(const char *path, int flags) {
 }
 
 ktipc *ktipc_create_serveripc(const char *name, int flags) {
-    if (name == nullptr || ktipc_make_dir() != 0)
+    if (name == nullptr)
         return nullptr;
-    char path[path_size];
     // A name too long for the path is cut here, silently; only ktipc_send_srv checks.
-    if (format_path(path, "%s/ipc-%s.sock", KTIPC_DIR, name) < 1)
-        return nullptr;
-    return ktipc_create(path, flags);
+    return create_named(flags, "%s/ipc-%s.sock", KTIPC_DIR, name);
 }
 
 ktipc *ktipc_create_clientipc(int number, int flags) {
     if (number == -1)
         return ktipc_create(nullptr, flags);
-    if (ktipc_make_dir() != 0)
-        return nullptr;
-    char path[path_size];
-    if (format_path(path, "%s/ipc-%d.sock", KTIPC_DIR, number) < 1)
-        return nullptr;
-    return ktipc_create(path, flags);
+    return create_named(flags, "%s/ipc-%d.sock", KTIPC_DIR, number);
 }
 
 void ktipc_close(ktipc *ipc) {
@@ -155,7 +148,7 @@ int ktipc_send_srv(ktipc *ipc, const void *buf, size_t len, const char *name) {
     if (ipc == nullptr || buf == nullptr || name == nullptr)
         return -1;
     char path[path_size];
-    int n = format_path(path, "%s/ipc-%s.sock", KTIPC_DIR, name);
+    int n = std::snprintf(path, sizeof path, "%s/ipc-%s.sock", KTIPC_DIR, name);
     if (n < 1 || n >= static_cast<int>(path_size))
         return -1;
     return send_to(ipc, buf, len, address_of(path));
