@@ -3,10 +3,12 @@
 #include <string.h>
 
 #include "lib/ktdaemon.h"
+#include "lib/ktipc.h"
 #include "lib/ktlist.h"
 #include "lib/ktmap.h"
 #include "lib/ktmnglist.h"
 #include "lib/ktutf8.h"
+#include "lib/proc.h"
 
 static int failures;
 
@@ -37,5 +39,22 @@ int main(void) {
     check(kt_is_utf8("\xc3\xa9") == 1, "kt_is_utf8");
     check(kt_round_utf8("ab", 2) == 1, "kt_round_utf8");
     check(kt_create_pid_file(NULL) == -1, "kt_create_pid_file(NULL)");
+
+    ktipc *ipc = ktipc_create(NULL, 0);
+    char datagram[4] = {0};
+    check(ipc != NULL && ipc->fd >= 0 && ipc->addr.sun_path[0] == 0, "ktipc_create(NULL, 0)");
+    check(ktipc_send_srv(ipc, datagram, sizeof datagram, NULL) == -1, "ktipc_send_srv(NULL)");
+    check(ktipc_receive(ipc, datagram, sizeof datagram, 0, NULL, NULL) == 0, "ktipc_receive");
+    ktipc_close(ipc);
+
+    ktprocess *proc = proc_create(PROC_STDOUT_PIPE | PROC_STDERR_NULL, "printf %s", "c");
+    unsigned int limit = 5000;
+    int status = -1;
+    char out[4];
+    check(proc != NULL && proc_readd_stdout(proc, out, sizeof out, "\n") == 1 && out[0] == 'c',
+          "proc_readd_stdout");
+    check(proc != NULL && proc_wait_exittm(proc, 0, &limit, &status) == proc->pid && status == 0,
+          "proc_wait_exittm");
+    check(proc_free_ktprocess(proc) == 0, "proc_free_ktprocess");
     return failures == 0 ? 0 : 1;
 }
