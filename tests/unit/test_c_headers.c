@@ -7,6 +7,8 @@
 #include "lib/ktmap.h"
 #include "lib/ktmnglist.h"
 #include "lib/ktutf8.h"
+#include "registry/mntmg.h"
+#include "registry/records.h"
 
 static int failures;
 
@@ -37,5 +39,16 @@ int main(void) {
     check(kt_is_utf8("\xc3\xa9") == 1, "kt_is_utf8");
     check(kt_round_utf8("ab", 2) == 1, "kt_round_utf8");
     check(kt_create_pid_file(NULL) == -1, "kt_create_pid_file(NULL)");
+
+    mntmg *queue = mntmg_initialize();
+    mntmg_record request;
+    memset(&request, 0, sizeof request);
+    request.kind = MNTMG_KIND_UNMOUNT;
+    request.minor = MNTMG_ALL_DEVICES;
+    request.reply_addr_len = sizeof request.reply_addr;
+    check(mntmg_setdata(queue, &request) == 0 && mntmg_wait(queue, 0) == 1, "mntmg_setdata");
+    check(mntmg_getdata(queue, &request) == 0 && request.extra2 == 110, "mntmg_getdata");
+    check(mntmg_getlen(queue) == 0, "mntmg_getlen");
+    mntmg_free(queue);
     return failures == 0 ? 0 : 1;
 }
