@@ -9,6 +9,8 @@
 #include "lib/ktutf8.h"
 #include "registry/mntmg.h"
 #include "registry/records.h"
+#include "registry/sddb.h"
+#include "registry/sysfs.h"
 
 static int failures;
 
@@ -50,5 +52,22 @@ int main(void) {
     check(mntmg_getdata(queue, &request) == 0 && request.extra2 == 110, "mntmg_getdata");
     check(mntmg_getlen(queue) == 0, "mntmg_getlen");
     mntmg_free(queue);
+
+    sddb *db = sddb_initialize();
+    sddb_record device;
+    memset(&device, 0, sizeof device);
+    check(get_sdname(17, device.node_name, sizeof device.node_name) == 0 &&
+              strcmp(device.node_name, "sdb1") == 0,
+          "get_sdname");
+    ktmnglist *devices = sddb_lock(db);
+    check(sddb_insert(devices, &device) == 0 && sddb_remove(devices, "sdb1", NULL, NULL) == 1,
+          "sddb_insert, sddb_remove");
+    sddb_unlock(db);
+    check(get_sdsize(&device) == -1, "get_sdsize of an unmounted record");
+    sddb_free(db);
+    check(get_sysblockdata("/proc/self", &device.disk_info, &device.part_info) == 0,
+          "get_sysblockdata");
+    check(ktread_filef(device.node_path, sizeof device.node_path, "%s/comm", "/proc/self") > 0,
+          "ktread_filef");
     return failures == 0 ? 0 : 1;
 }
