@@ -9,6 +9,10 @@
 #include "lib/ktmnglist.h"
 #include "lib/ktutf8.h"
 #include "lib/proc.h"
+#include "registry/mntmg.h"
+#include "registry/records.h"
+#include "registry/sddb.h"
+#include "registry/sysfs.h"
 
 static int failures;
 
@@ -56,5 +60,32 @@ int main(void) {
     check(proc != NULL && proc_wait_exittm(proc, 0, &limit, &status) == proc->pid && status == 0,
           "proc_wait_exittm");
     check(proc_free_ktprocess(proc) == 0, "proc_free_ktprocess");
+    mntmg *queue = mntmg_initialize();
+    mntmg_record request;
+    memset(&request, 0, sizeof request);
+    request.kind = MNTMG_KIND_UNMOUNT;
+    request.minor = MNTMG_ALL_DEVICES;
+    request.reply_addr_len = sizeof request.reply_addr;
+    check(mntmg_setdata(queue, &request) == 0 && mntmg_wait(queue, 0) == 1, "mntmg_setdata");
+    check(mntmg_getdata(queue, &request) == 0 && request.extra2 == 110, "mntmg_getdata");
+    check(mntmg_getlen(queue) == 0, "mntmg_getlen");
+    mntmg_free(queue);
+
+    sddb *db = sddb_initialize();
+    sddb_record device;
+    memset(&device, 0, sizeof device);
+    check(get_sdname(17, device.node_name, sizeof device.node_name) == 0 &&
+              strcmp(device.node_name, "sdb1") == 0,
+          "get_sdname");
+    ktmnglist *devices = sddb_lock(db);
+    check(sddb_insert(devices, &device) == 0 && sddb_remove(devices, "sdb1", NULL, NULL) == 1,
+          "sddb_insert, sddb_remove");
+    sddb_unlock(db);
+    check(get_sdsize(&device) == -1, "get_sdsize of an unmounted record");
+    sddb_free(db);
+    check(get_sysblockdata("/proc/self", &device.disk_info, &device.part_info) == 0,
+          "get_sysblockdata");
+    check(ktread_filef(device.node_path, sizeof device.node_path, "%s/comm", "/proc/self") > 0,
+          "ktread_filef");
     return failures == 0 ? 0 : 1;
 }
