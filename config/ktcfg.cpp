@@ -17,9 +17,9 @@
 
 namespace {
 
-// Decimal 644, i.e. octal 01204 (sticky, owner write, others read). Every program of the
-// appliance creates the lock file with this very call; the mode never mattered because only
-// the flock on the file is used, and it stays as it is so all of them keep agreeing.
+// Decimal 644, i.e. octal 01204 (sticky, owner write, others read), kept as it is: every
+// program of the appliance that links this library creates the lock file with it, and only
+// the flock on the file counts, never its mode or content.
 constexpr mode_t lock_file_mode = 644;
 
 // Reads a file with getline, so a line of any length fits; closes and frees on every path.
@@ -73,9 +73,9 @@ class fd_holder {
     int fd_;
 };
 
-// Buffers output for a descriptor. Not a stdio stream: a stream left unclosed over a
-// descriptor that is closed would keep unwritten bytes that a later exit() could flush into
-// whatever file then reuses the descriptor number.
+// Buffers output for a descriptor and writes it out with write(2) rather than through a stdio
+// stream, so a short write shows where it happens and nothing is left behind in a stream
+// buffer once the descriptor is closed.
 class file_writer {
   public:
     explicit file_writer(int fd) : fd_(fd) {}
@@ -165,6 +165,27 @@ const ktpair *find_pair(const ktmap *pairs, std::string_view key) {
     return nullptr;
 }
 
+// Hands every key line of `section` (null or "" for the top of the file) to `visit`, in file
+// order, until `visit` returns false. 0; -EIO when the file cannot be opened; -ENOENT when the
+// section is missing.
+template <typename Visit> int walk_section(const char *path, const char *section, Visit visit) {
+    line_reader in(path);
+    if (in.open_errno() != 0)
+        return -EIO;
+    ktcfg::section_cursor cursor(section != nullptr ? section : "");
+    std::string_view line;
+    while (in.next(&line)) {
+        ktcfg::section_cursor::step step = cursor.feed(line);
+        if (step == ktcfg::section_cursor::end)
+            break;
+        ktcfg::key_value kv;
+        if (step == ktcfg::section_cursor::key_line && ktcfg::split_key_value(line, &kv) &&
+            !visit(kv))
+            break;
+    }
+    return cursor.found() ? 0 : -ENOENT;
+}
+
 struct sections_deleter {
     void operator()(ktlist *list) const { kt_cfg_release_sections(list); }
 };
@@ -197,26 +218,17 @@ int kt_cfg_release_lock(int fd) {
 int kt_cfg_get_ini_string(const char *path, const char *section, const char *key, char **value) {
     if (path == nullptr || key == nullptr || value == nullptr)
         return -EINVAL;
-    line_reader in(path);
-    if (in.open_errno() != 0)
-        return -EIO;
-    ktcfg::section_cursor cursor(section != nullptr ? section : "");
-    std::string_view line;
-    while (in.next(&line)) {
-        ktcfg::section_cursor::step step = cursor.feed(line);
-        if (step == ktcfg::section_cursor::end)
-            break;
-        ktcfg::key_value kv;
-        if (step == ktcfg::section_cursor::key_line && ktcfg::split_key_value(line, &kv) &&
-            kv.key == key) {
-            char *copy = new_string(kv.value);
-            if (copy == nullptr)
-                return -ENOMEM;
+    int result = -ENOENT;
+    int walked = walk_section(path, section, [&](const ktcfg::key_value &kv) {
+        if (kv.key != key)
+            return true;
+        char *copy = new_string(kv.value);
+        if (copy != nullptr)
             *value = copy;
-            return 0;
-        }
-    }
-    return -ENOENT;
+        result = copy != nullptr ? 0 : -ENOMEM;
+        return false;
+    });
+    return walked != 0 ? walked : result;
 }
 
 void kt_cfg_release_string(char *value) {
@@ -302,31 +314,20 @@ void kt_cfg_release_sections(ktlist *list) {
 int kt_cfg_get_section(const char *path, const char *section, ktmap **pairs) {
     if (path == nullptr || pairs == nullptr)
         return -EINVAL;
-    line_reader in(path);
-    if (in.open_errno() != 0)
-        return -EIO;
     std::unique_ptr<ktmap, section_deleter> map(ktmap_create(std::strcmp));
     if (map == nullptr)
         return -ENOMEM;
-    ktcfg::section_cursor cursor(section != nullptr ? section : "");
-    std::string_view line;
-    while (in.next(&line)) {
-        ktcfg::section_cursor::step step = cursor.feed(line);
-        if (step == ktcfg::section_cursor::end)
-            break;
-        ktcfg::key_value kv;
-        if (step != ktcfg::section_cursor::key_line || !ktcfg::split_key_value(line, &kv))
-            continue;
+    int result = 0;
+    int walked = walk_section(path, section, [&](const ktcfg::key_value &kv) {
         ktpair *pair = new_pair(kv);
-        if (pair == nullptr)
-            return -ENOMEM;
-        if (ktlist_insert(map->list, map->list, pair) == nullptr) {
-            free_pair(pair);
-            return -ENOMEM;
-        }
-    }
-    if (!cursor.found())
-        return -ENOENT;
+        if (pair != nullptr && ktlist_insert(map->list, map->list, pair) != nullptr)
+            return true;
+        free_pair(pair);
+        result = -ENOMEM;
+        return false;
+    });
+    if (walked != 0 || result != 0)
+        return walked != 0 ? walked : result;
     *pairs = map.release();
     return 0;
 }
