@@ -1,7 +1,11 @@
 /* Compiles every library header as C and calls through each, as the appliance's C programs do. */
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 
+#include "config/ktcfg.h"
+#include "config/ktcfg_rom.h"
+#include "config/sysconf.h"
 #include "lib/ktdaemon.h"
 #include "lib/ktipc.h"
 #include "lib/ktlist.h"
@@ -87,5 +91,16 @@ int main(void) {
           "get_sysblockdata");
     check(ktread_filef(device.node_path, sizeof device.node_path, "%s/comm", "/proc/self") > 0,
           "ktread_filef");
+    char *ini_value = NULL;
+    check(kt_cfg_get_ini_string(NULL, NULL, "A", &ini_value) == -EINVAL, "kt_cfg_get_ini_string");
+    check(kt_cfg_set_strings("/nonexistent/x.conf", "/tmp", NULL) == -EINVAL, "kt_cfg_set_strings");
+    check(kt_cfg_rom_store(NULL, "/etc/sysconfig") == -EINVAL, "kt_cfg_rom_store(NULL)");
+    check(kt_cfg_flushcache(NULL) == -EINVAL, "kt_cfg_flushcache(NULL)");
+    check(_IOC_TYPE(KT_CFG_ROM_IOC_13) == 'g' && _IOC_NR(KT_CFG_ROM_IOC_13) == 13,
+          "KT_CFG_ROM_IOC_13");
+    hotplugd_settings settings;
+    memset(&settings, 0, sizeof settings);
+    check(sizeof settings == 4496, "sizeof(hotplugd_settings)");
+    check(load_sysconf(NULL, &settings) == -1, "load_sysconf(NULL)");
     return failures == 0 ? 0 : 1;
 }

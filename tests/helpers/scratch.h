@@ -1,0 +1,60 @@
+// Test helpers: a scratch directory removed with everything in it, and whole-file I/O.
+#ifndef HOTPLUGD_TESTS_SCRATCH_H
+#define HOTPLUGD_TESTS_SCRATCH_H
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <ftw.h>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+
+namespace kt_test {
+
+// A fresh directory under $TMPDIR (else /tmp); removed, with its content, when it goes.
+class scratch_dir {
+  public:
+    scratch_dir() {
+        const char *base = std::getenv("TMPDIR");
+        std::string name =
+            std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/hotplugd-test.XXXXXX";
+        if (mkdtemp(name.data()) != nullptr)
+            path_ = name;
+    }
+    ~scratch_dir() {
+        if (!path_.empty())
+            nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+    scratch_dir(const scratch_dir &) = delete;
+    scratch_dir &operator=(const scratch_dir &) = delete;
+
+    // Empty when the directory could not be made.
+    const std::string &path() const { return path_; }
+    std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
+
+  private:
+    static int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
+        std::remove(path);
+        return 0;
+    }
+    std::string path_;
+};
+
+inline std::string read_file(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+inline bool write_file(const std::string &path, std::string_view content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(content.data(), static_cast<std::streamsize>(content.size()));
+    return static_cast<bool>(out);
+}
+
+} // namespace kt_test
+
+#endif
