@@ -61,6 +61,7 @@ template <size_t N> class field_text {
     }
     char *get() { return text_; }
     bool empty() const { return text_[0] == '\0'; }
+    bool holds(char c) const { return std::strchr(text_, c) != nullptr; }
     // Non-empty and UTF-8: only such text may go into a name.
     bool usable() const { return !empty() && kt_is_utf8(text_) != 0; }
 
@@ -239,6 +240,18 @@ const char *label_value(const sddb_record *record, char (&value)[label_size],
     return *chosen != '\0' && kt_is_utf8(chosen) ? chosen : nullptr;
 }
 
+// The name becomes a directory under the share directory and a word of the hooks' command
+// lines. The raw volume label is used as it stands, so a label holding a slash or a control
+// byte would lead out of the share directory or break a line; such a name gives way to the
+// fallback, which holds no device text. Labels are cleaned when probed as well, but names must
+// be safe whoever filled the record.
+bool is_safe_name(const char *name) {
+    for (const char *p = name; *p != '\0'; ++p)
+        if (*p == '/' || static_cast<unsigned char>(*p) < 0x20 || *p == 0x7f)
+            return false;
+    return true;
+}
+
 // DRVNAME: the pattern with the "%V" value and the identifier put in for the first "%V" and
 // the first "%D". False when the pattern lacks a marker or the name would be empty or longer
 // than 126 characters. (A piece of the pattern too long for a name makes the name too long
@@ -259,7 +272,7 @@ bool labelled_name(const hotplugd_settings *settings, const char *value, const c
                                static_cast<int>(prefix.size()), prefix.data(), v < d ? value : id,
                                static_cast<int>(middle.size()), middle.data(), v < d ? id : value,
                                static_cast<int>(suffix.size()), suffix.data());
-    return length >= 1 && static_cast<size_t>(length) < name_limit;
+    return length >= 1 && static_cast<size_t>(length) < name_limit && is_safe_name(name);
 }
 
 // VLABEL: the identifier put in for the first "%D" (after a pattern without one, as the
@@ -339,7 +352,10 @@ int get_drivename(drive_letter_table *table, const hotplugd_settings *settings, 
     field_text serial(record->disk_info.serial);
     if (fixed_drive != 0) {
         uint32_t slot = 0;
-        if (!serial.empty()) {
+        // A serial is stored in the letter file as a key's value, one line per key. A device
+        // whose serial holds a line feed could write keys of its own choosing there (taking
+        // letters from other disks on every plug), so it is lettered as a disk without serial.
+        if (!serial.empty() && !serial.holds('\n')) {
             field_text config_path(table->config_path);
             field_text tmp_dir(settings->tmp_dir);
             field_text rom_device(settings->rom_device);

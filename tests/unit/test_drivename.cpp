@@ -342,11 +342,13 @@ TEST(LettersOff, HostileDeviceStrings) {
         {"`id`", "$(halt)", "", "id_halt1"},
         {"\xff\xfe", "\xc3(", "ok", "ok1"},
         {std::string(300, '"'), std::string(300, '/'), "", "Drive-1"},
-        // The raw label: these bytes reach the name unchanged.
-        {"", "", "../", "../1"},
+        // The raw label reaches the name as it stands, except a slash or a control byte,
+        // which would lead out of the share directory or break a line: then the fallback.
+        {"", "", "../", "Drive-1"},
+        {"", "", "/", "Drive-1"},
+        {"", "", "\n", "Drive-1"},
+        {"", "", "\x7f", "Drive-1"},
         {"", "", "..", "..1"},
-        {"", "", "/", "/1"},
-        {"", "", "\n", "\n1"},
         {"", "", "$(", "$(1"},
         {"", "", "';|&", "';|&1"},
     };
@@ -517,10 +519,9 @@ TEST_F(LetterFile, WaitsForTheLock) {
     EXPECT_EQ(read_file(conf), letter_file({{'A', "S1"}}));
 }
 
-// Serials go into the file verbatim. "=" and shell text round-trip; a line feed splits the
-// key line, so the disk writes a key of its own choosing (here DRIVE_LETTERB=Y, which a disk
-// with serial "Y" then gets) and never finds its own letter again: every plug-in takes and
-// corrupts another key.
+// Serials go into the file verbatim: "=", shell text, invalid UTF-8 and a full field round-trip
+// and are found again. A serial with a line feed would split its key line and forge other keys,
+// so such a disk is lettered like one without a serial and the file stays untouched.
 TEST_F(LetterFile, HostileSerialsInTheFile) {
     ASSERT_TRUE(write_file(conf, letter_file()));
     const std::string long_serial(255, 's');
@@ -541,19 +542,9 @@ TEST_F(LetterFile, HostileSerialsInTheFile) {
 
     ASSERT_TRUE(write_file(conf, letter_file()));
     ASSERT_EQ(initialize_lock_dletter(&table, conf), 0);
-    const std::string injecting = "X\nDRIVE_LETTERB=Y";
-    sddb_record record;
-    EXPECT_EQ(plug({1, 1, injecting}, &record).id, "A1");
-    const std::string injected = "DRIVE_LETTERA=X\nDRIVE_LETTERB=Y\n" +
-                                 letter_file().substr(std::strlen("DRIVE_LETTERA=\n"));
-    EXPECT_EQ(read_file(conf), injected);
-    EXPECT_EQ(plug({2, 1, "Y"}).id, "B1") << "a letter nobody was given";
-    ASSERT_EQ(release_drivename(&table, &record), 0);
-    EXPECT_EQ(plug({1, 1, injecting}).id, "C1") << "its own letter is not found again";
-    std::string again = injected;
-    again.replace(again.find("DRIVE_LETTERC=\n"), std::strlen("DRIVE_LETTERC=\n"),
-                  "DRIVE_LETTERC=X\nDRIVE_LETTERB=Y\n");
-    EXPECT_EQ(read_file(conf), again);
+    EXPECT_EQ(plug({1, 1, "X\nDRIVE_LETTERB=Y"}), (named{0, "ZA1", "Drive-ZA1", slot(2, 0)}));
+    EXPECT_EQ(read_file(conf), letter_file());
+    EXPECT_EQ(plug({2, 1, "Y"}).id, "A1") << "no letter was forged for Y";
 }
 
 // ---- what gets logged: a child catches syslog on a /dev/log of its own -----------------------
