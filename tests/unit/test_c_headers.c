@@ -13,6 +13,7 @@
 #include "lib/ktmnglist.h"
 #include "lib/ktutf8.h"
 #include "lib/proc.h"
+#include "registry/drivename.h"
 #include "registry/mntmg.h"
 #include "registry/records.h"
 #include "registry/sddb.h"
@@ -102,5 +103,20 @@ int main(void) {
     memset(&settings, 0, sizeof settings);
     check(sizeof settings == 4496, "sizeof(hotplugd_settings)");
     check(load_sysconf(NULL, &settings) == -1, "load_sysconf(NULL)");
+
+    static drive_letter_table letters;
+    check(initialize_lock_dletter(&letters, "/etc/sysconfig/system.conf") == 0 &&
+              strcmp(letters.config_path, "/etc/sysconfig/system.conf") == 0,
+          "initialize_lock_dletter");
+    memcpy(settings.drive_name_format, "USB%D", 6);
+    memcpy(settings.fallback_name_format, "USB%D", 6);
+    memset(&device, 0, sizeof device);
+    device.partition = 2;
+    check(get_drivename(&letters, &settings, &device, 0, 0) == 0 &&
+              strcmp(device.part_info.drive_id, "2") == 0 &&
+              strcmp(device.part_info.drive_name, "USB2") == 0,
+          "get_drivename");
+    device.drive_slot = 2 * DRIVE_SLOT_GROUP + DRIVE_LETTER_COUNT;
+    check(release_drivename(&letters, &device) == -1, "release_drivename");
     return failures == 0 ? 0 : 1;
 }

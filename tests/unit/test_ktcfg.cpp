@@ -3,6 +3,7 @@
 #include "config/ktcfg_internal.h"
 #include "tests/helpers/holder.h"
 #include "tests/helpers/scratch.h"
+#include "tests/helpers/syslog_catcher.h"
 
 #include <gtest/gtest.h>
 
@@ -14,15 +15,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <random>
-#include <sched.h>
 #include <string>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
-#include <syslog.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -386,8 +383,7 @@ TEST_F(SetStrings, FailuresLeaveTheFileAlone) {
 }
 
 // A tmp_dir on another file system: the rename fails, is logged at LOG_CRIT, and the
-// temporary file stays. Runs in a child with a mount namespace of its own, where a fresh /dev
-// holds a /dev/log socket that catches the message.
+// temporary file stays.
 TEST(SetStringsAcrossFileSystems, RenameFailsWithMessage) {
     if (!in_sandbox())
         GTEST_SKIP() << "needs tests/sandbox/run: /etc/sysconfig and /tmp are its tmpfs";
@@ -397,51 +393,19 @@ TEST(SetStringsAcrossFileSystems, RenameFailsWithMessage) {
     scratch_dir tmp; // under /tmp, another tmpfs
     ASSERT_FALSE(tmp.path().empty());
 
-    int report[2];
-    ASSERT_EQ(pipe(report), 0);
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        close(report[0]);
-        std::string out = "setup failed";
-        int result = 1;
-        int sock = -1;
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "/dev/log");
-        if (unshare(CLONE_NEWNS) == 0 &&
-            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-            mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 &&
-            (sock = socket(AF_UNIX, SOCK_DGRAM, 0)) >= 0 &&
-            bind(sock, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) {
-            openlog("hotplug", LOG_PID, LOG_DAEMON);
-            pair_map pairs{{"DRIVE_LETTERA", "SERIAL1"}};
-            result = kt_cfg_set_strings(path.c_str(), tmp.path().c_str(), pairs.get());
-            char message[1024] = {};
-            ssize_t n = recv(sock, message, sizeof message - 1, MSG_DONTWAIT);
-            out = n > 0 ? std::string(message, static_cast<size_t>(n)) : "no message";
-        }
-        std::string line = std::to_string(result) + "\n" + out;
-        (void)!write(report[1], line.data(), line.size());
-        _exit(0);
-    }
-    close(report[1]);
-    std::string got;
-    char buf[512];
-    for (ssize_t n; (n = read(report[0], buf, sizeof buf)) > 0;)
-        got.append(buf, static_cast<size_t>(n));
-    close(report[0]);
-    waitpid(child, nullptr, 0);
-
-    size_t nl = got.find('\n');
-    ASSERT_NE(nl, std::string::npos) << got;
-    EXPECT_EQ(got.substr(0, nl), "-1");
-    std::string message = got.substr(nl + 1);
+    kt_test::caught_syslog caught = kt_test::catch_syslog([&] {
+        pair_map pairs{{"DRIVE_LETTERA", "SERIAL1"}};
+        return kt_cfg_set_strings(path.c_str(), tmp.path().c_str(), pairs.get());
+    });
+    ASSERT_EQ(caught.error, "");
+    EXPECT_EQ(caught.result, -1);
+    ASSERT_EQ(caught.messages.size(), 1u);
+    const std::string &message = caught.messages[0];
     EXPECT_EQ(message.rfind("<26>", 0), 0u) << "LOG_DAEMON | LOG_CRIT: " << message;
-    const std::string text = "]: Rename config file fail master " + path + " tmp ";
-    size_t at = message.find(text);
-    ASSERT_NE(at, std::string::npos) << message;
-    std::string tmp_name = message.substr(at + text.size());
+    const std::string text = "Rename config file fail master " + path + " tmp ";
+    std::string logged = kt_test::syslog_text(message);
+    ASSERT_EQ(logged.rfind(text, 0), 0u) << message;
+    std::string tmp_name = logged.substr(text.size());
     EXPECT_EQ(tmp_name.rfind(tmp.path() + "/conf.tmp.", 0), 0u) << tmp_name;
     EXPECT_EQ(tmp_name.size(), tmp.path().size() + 16);
 

@@ -1,5 +1,6 @@
 // Tests of the ROM store: archiving and unpacking with tar, the driver requests and their numbers.
 #include "config/ktcfg_rom.h"
+#include "tests/helpers/fuse_rom.h"
 #include "tests/helpers/scratch.h"
 
 #include <gtest/gtest.h>
@@ -9,11 +10,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <functional>
-#include <poll.h>
 #include <string>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -226,84 +224,6 @@ TEST(RomRequests, WithoutTheDevice) {
 
 #ifdef KT_TEST_EEPROM_FUSE
 
-// The FUSE stand-in for the driver, served from `dir`/mnt and bound at /dev/kteeprom; it
-// records what reaches it in `dir`/rec. Everything is undone when it goes.
-class fuse_rom {
-  public:
-    explicit fuse_rom(const std::string &dir) : mnt_(dir + "/mnt"), rec_(dir + "/rec") {}
-    ~fuse_rom() {
-        if (bound_)
-            umount("/dev/kteeprom");
-        if (mounted_)
-            umount2(mnt_.c_str(), MNT_DETACH);
-        if (to_helper_ >= 0)
-            close(to_helper_); // the helper exits when its input ends
-        if (from_helper_ >= 0) {
-            wait_for_line(10000); // its end of the pipe closes as it exits
-            close(from_helper_);
-        }
-    }
-    fuse_rom(const fuse_rom &) = delete;
-    fuse_rom &operator=(const fuse_rom &) = delete;
-
-    // Starts the helper (not as a child: the ROM store waits for any child) and binds its
-    // file at /dev/kteeprom. Empty on success, else what went wrong.
-    std::string start(const char *helper) {
-        if (mkdir(mnt_.c_str(), 0755) != 0 || mkdir(rec_.c_str(), 0755) != 0)
-            return "mkdir failed";
-        int in[2], out[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0)
-            return "pipe failed";
-        pid_t child = fork();
-        if (child == 0) {
-            if (fork() == 0) {
-                dup2(in[0], STDIN_FILENO);
-                dup2(out[1], STDOUT_FILENO);
-                execl(helper, helper, rec_.c_str(), mnt_.c_str(), static_cast<char *>(nullptr));
-                _exit(127);
-            }
-            _exit(0);
-        }
-        close(in[0]);
-        close(out[1]);
-        to_helper_ = in[1];
-        from_helper_ = out[0];
-        if (child < 0 || waitpid(child, nullptr, 0) != child)
-            return "fork failed";
-        if (wait_for_line(10000) != "ready")
-            return "the helper did not start";
-        mounted_ = true;
-        if (mount((mnt_ + "/kteeprom").c_str(), "/dev/kteeprom", nullptr, MS_BIND, nullptr) != 0)
-            return std::string("bind mount: ") + std::strerror(errno);
-        bound_ = true;
-        return "";
-    }
-
-    std::string image() const { return rec_ + "/image"; }
-
-    // The last request the driver received, as the helper recorded it.
-    std::string last_request() const {
-        std::string all = read_file(rec_ + "/requests");
-        if (!all.empty() && all.back() == '\n')
-            all.pop_back();
-        return all.substr(all.rfind('\n') + 1); // npos + 1 is 0: a single line
-    }
-
-  private:
-    std::string wait_for_line(int timeout_ms) {
-        std::string line;
-        pollfd p{from_helper_, POLLIN, 0};
-        char c;
-        while (poll(&p, 1, timeout_ms) == 1 && read(from_helper_, &c, 1) == 1 && c != '\n')
-            line += c;
-        return line;
-    }
-
-    std::string mnt_, rec_;
-    int to_helper_ = -1, from_helper_ = -1;
-    bool mounted_ = false, bound_ = false;
-};
-
 std::string hex_of(const void *data, size_t size) {
     std::string hex;
     for (size_t i = 0; i < size; ++i) {
@@ -314,12 +234,6 @@ std::string hex_of(const void *data, size_t size) {
     return hex;
 }
 
-std::string request_line(unsigned long request, const char *mode, const std::string &data) {
-    char head[32];
-    std::snprintf(head, sizeof head, "%08lx %s ", request, mode);
-    return head + data;
-}
-
 // Stores /etc/sysconfig onto /dev/kteeprom and flushes: the archive reaches the device and
 // the driver receives the flush request. Then every other request, through the same node.
 TEST(RomDevice, StoreThenFlushReachTheDriver) {
@@ -328,7 +242,7 @@ TEST(RomDevice, StoreThenFlushReachTheDriver) {
     if (access("/dev/fuse", R_OK | W_OK) != 0)
         GTEST_SKIP() << "this kernel offers no FUSE (/dev/fuse)";
     scratch_dir dir;
-    fuse_rom rom(dir.path());
+    kt_test::fuse_rom rom(dir.path());
     std::string error = rom.start(KT_TEST_EEPROM_FUSE);
     ASSERT_EQ(error, "");
 
@@ -336,7 +250,7 @@ TEST(RomDevice, StoreThenFlushReachTheDriver) {
     ASSERT_EQ(kt_cfg_rom_store("/dev/kteeprom", "/etc/sysconfig"), 0);
     EXPECT_EQ(archive_entries(rom.image()), visible_entries);
     ASSERT_EQ(kt_cfg_flushcache("/dev/kteeprom"), 0);
-    EXPECT_EQ(rom.last_request(), request_line(KT_CFG_ROM_IOC_0, "w", "-"));
+    EXPECT_EQ(rom.last_request(), kt_test::rom_request_line(KT_CFG_ROM_IOC_0, "w", "-"));
 
     const std::string restored = dir / "restored";
     ASSERT_EQ(mkdir(restored.c_str(), 0755), 0);
@@ -394,7 +308,7 @@ TEST(RomDevice, StoreThenFlushReachTheDriver) {
         SCOPED_TRACE(c.number);
         bool fetches = std::string(c.mode) == "r";
         EXPECT_EQ(c.call(), fetches ? 0x6b740000 + c.number : 0);
-        EXPECT_EQ(rom.last_request(), request_line(c.request, c.mode, c.data));
+        EXPECT_EQ(rom.last_request(), kt_test::rom_request_line(c.request, c.mode, c.data));
     }
 }
 

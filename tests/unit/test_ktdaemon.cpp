@@ -1,14 +1,14 @@
 // Tests of daemonizing and the pid file, run in the sandbox where /var/run is a private tmpfs.
 #include "lib/ktdaemon.h"
+#include "tests/helpers/holder.h"
+#include "tests/helpers/scratch.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -19,12 +19,7 @@ namespace {
 
 constexpr const char *pid_path = "/var/run/hotplugd.pid";
 
-std::string read_file(const char *path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
+using kt_test::read_file;
 
 struct PidFileTest : ::testing::Test {
     void SetUp() override {
@@ -34,29 +29,9 @@ struct PidFileTest : ::testing::Test {
     }
 };
 
-// Starts a child that takes the pid file and then waits to be killed; returns its pid once
-// it holds the lock.
+// A child holding the pid file, as a running instance does.
 pid_t start_holder() {
-    int ready[2];
-    if (pipe(ready) != 0)
-        return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        close(ready[0]);
-        char ok = kt_create_pid_file("hotplugd") >= 0 ? '1' : '0';
-        (void)!write(ready[1], &ok, 1);
-        pause();
-        _exit(0);
-    }
-    close(ready[1]);
-    char ok = 0;
-    if (read(ready[0], &ok, 1) != 1 || ok != '1') {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        pid = -1;
-    }
-    close(ready[0]);
-    return pid;
+    return kt_test::start_holder([] { return kt_create_pid_file("hotplugd") >= 0; });
 }
 
 TEST_F(PidFileTest, SecondInstanceFailsAndLeavesFirstPid) {
@@ -68,8 +43,7 @@ TEST_F(PidFileTest, SecondInstanceFailsAndLeavesFirstPid) {
     EXPECT_EQ(read_file(pid_path), std::to_string(holder) + "\n")
         << "the lock is taken before truncating";
 
-    kill(holder, SIGKILL);
-    waitpid(holder, nullptr, 0);
+    kt_test::stop_holder(holder);
 
     // The stale file of the dead instance is taken over and rewritten.
     int fd = kt_create_pid_file("hotplugd");
