@@ -1,4 +1,4 @@
-// Test helpers: a scratch directory removed with everything in it, and whole-file I/O.
+// Test helpers: a scratch directory removed with everything in it, whole-file I/O, host commands.
 #ifndef HOTPLUGD_TESTS_SCRATCH_H
 #define HOTPLUGD_TESTS_SCRATCH_H
 
@@ -53,6 +53,26 @@ inline bool write_file(const std::string &path, std::string_view content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(content.data(), static_cast<std::streamsize>(content.size()));
     return static_cast<bool>(out);
+}
+
+// Runs a shell command of the host (natively, also from a test under qemu-user); true when it
+// exits 0. Its standard output goes to `output` when given.
+inline bool run(const std::string &command, std::string *output = nullptr) {
+    FILE *pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr)
+        return false;
+    std::string text;
+    char chunk[256];
+    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+        text.append(chunk, n);
+    int status = pclose(pipe);
+    if (output != nullptr)
+        *output = text;
+    return status == 0;
+}
+
+inline std::string shell_quoted(const std::string &text) {
+    return "'" + text + "'";
 }
 
 } // namespace kt_test
