@@ -2,6 +2,7 @@
 #include "config/ktcfg.h"
 
 #include "config/ktcfg_internal.h"
+#include "lib/kt_internal.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -58,21 +59,6 @@ class line_reader {
     size_t capacity_ = 0;
 };
 
-class fd_holder {
-  public:
-    explicit fd_holder(int fd) : fd_(fd) {}
-    ~fd_holder() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    fd_holder(const fd_holder &) = delete;
-    fd_holder &operator=(const fd_holder &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
 // Buffers output for a descriptor and writes it out with write(2) rather than through a stdio
 // stream, so a short write shows where it happens and nothing is left behind in a stream
 // buffer once the descriptor is closed.
@@ -117,11 +103,6 @@ class file_writer {
     size_t used_ = 0;
     char buffer_[4096];
 };
-
-struct free_deleter {
-    void operator()(void *p) const { std::free(p); }
-};
-using c_string = std::unique_ptr<char, free_deleter>;
 
 char *new_string(std::string_view text) {
     auto *copy = static_cast<char *>(std::malloc(text.size() + 1));
@@ -243,12 +224,12 @@ int kt_cfg_set_strings(const char *path, const char *tmp_dir, const ktmap *pairs
         return -in.open_errno();
 
     size_t name_size = std::strlen(tmp_dir) + 18;
-    c_string tmp_name(static_cast<char *>(std::malloc(name_size)));
+    kt::heap_ptr<char> tmp_name(static_cast<char *>(std::malloc(name_size)));
     if (tmp_name == nullptr)
         return -ENOMEM;
     std::snprintf(tmp_name.get(), name_size, "%s/%s", tmp_dir, "conf.tmp.XXXXXX");
     // mkstemp makes the file 0600, and the rewritten file keeps that mode.
-    fd_holder tmp(mkstemp(tmp_name.get()));
+    kt::unique_fd tmp(mkstemp(tmp_name.get()));
     if (tmp.get() < 0)
         return -errno;
 
@@ -294,7 +275,7 @@ int kt_cfg_get_sections(const char *path, ktlist **list) {
     while (in.next(&line)) {
         if (!ktcfg::is_header(line))
             continue;
-        c_string name(new_string(ktcfg::header_name(line)));
+        kt::heap_ptr<char> name(new_string(ktcfg::header_name(line)));
         if (name == nullptr || ktlist_insert(names.get(), names.get(), name.get()) == nullptr)
             return -ENOMEM;
         name.release();

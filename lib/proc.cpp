@@ -1,6 +1,7 @@
 // proc: fork and exec of a split command line, one pipe, a polling wait and the output readers.
 #include "lib/proc.h"
 
+#include "lib/kt_internal.h"
 #include "lib/proc_internal.h"
 
 #include <cerrno>
@@ -10,64 +11,14 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <memory>
 #include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
 
-struct FreeDeleter {
-    void operator()(void *p) const { std::free(p); }
-};
-using HeapText = std::unique_ptr<char, FreeDeleter>;
-
-// Owns one descriptor until it is closed or handed over.
-class Fd {
-  public:
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    ~Fd() { reset(); }
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset() {
-        if (fd_ != -1)
-            close(fd_);
-        fd_ = -1;
-    }
-
-  private:
-    int fd_;
-};
-
-// Formats into a heap buffer of 32 bytes, regrown to exactly the length needed; null when
-// formatting or allocation fails.
-__attribute__((format(printf, 1, 0))) char *format_command(const char *format, va_list ap) {
-    size_t size = 32;
-    auto *text = static_cast<char *>(std::malloc(size));
-    while (text != nullptr) {
-        va_list again;
-        va_copy(again, ap);
-        int n = std::vsnprintf(text, size, format, again);
-        va_end(again);
-        if (n < 0)
-            break;
-        if (static_cast<size_t>(n) < size)
-            return text;
-        size = static_cast<size_t>(n) + 1;
-        auto *bigger = static_cast<char *>(std::realloc(text, size));
-        if (bigger == nullptr)
-            break;
-        text = bigger;
-    }
-    std::free(text);
-    return nullptr;
-}
+// Most command lines fit the first guess; longer ones grow it once, to the exact length.
+constexpr size_t initial_command_size = 32;
 
 bool is_separator(char c) {
     return c == ' ' || c == '\n';
@@ -200,7 +151,7 @@ ktprocess *proc_create(int flags, const char *format, ...) {
         return nullptr;
     va_list ap;
     va_start(ap, format);
-    HeapText text(format_command(format, ap));
+    kt::heap_ptr<char> text = kt::vformat_alloc(initial_command_size, format, ap);
     va_end(ap);
     if (!text)
         return nullptr;
@@ -208,8 +159,8 @@ ktprocess *proc_create(int flags, const char *format, ...) {
     int ends[2];
     if (pipe(ends) != 0)
         return nullptr;
-    Fd read_end(ends[0]);
-    Fd write_end(ends[1]);
+    kt::unique_fd read_end(ends[0]);
+    kt::unique_fd write_end(ends[1]);
 
     pid_t pid = fork();
     if (pid < 0)

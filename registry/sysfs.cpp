@@ -1,13 +1,14 @@
 // sysfs: attribute files read whole in one read, parsed from memory into the device record.
 #include "registry/sysfs.h"
 
+#include "lib/kt_internal.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,44 +18,6 @@ namespace {
 constexpr size_t initial_path_size = 128;
 // Attribute values are read into fields of this width, and numbers into a scratch of it.
 constexpr size_t attribute_size = 256;
-
-struct FreeText {
-    void operator()(char *text) const { std::free(text); }
-};
-using HeapText = std::unique_ptr<char, FreeText>;
-
-class Fd {
-  public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-__attribute__((format(printf, 1, 0))) HeapText format_path(const char *format, va_list args) {
-    HeapText path(static_cast<char *>(std::malloc(initial_path_size)));
-    if (path == nullptr)
-        return nullptr;
-    va_list again;
-    va_copy(again, args);
-    int len = std::vsnprintf(path.get(), initial_path_size, format, args);
-    if (len >= 0 && static_cast<size_t>(len) >= initial_path_size) {
-        const size_t exact = static_cast<size_t>(len) + 1;
-        path.reset(static_cast<char *>(std::malloc(exact)));
-        len = path == nullptr ? -1 : std::vsnprintf(path.get(), exact, format, again);
-    }
-    va_end(again);
-    if (len < 0)
-        return nullptr;
-    return path;
-}
 
 bool is_directory(const char *path) {
     struct stat st;
@@ -100,12 +63,12 @@ int ktread_filef(char *buffer, size_t size, const char *path_format, ...) {
         return -1;
     va_list args;
     va_start(args, path_format);
-    HeapText path = format_path(path_format, args);
+    kt::heap_ptr<char> path = kt::vformat_alloc(initial_path_size, path_format, args);
     va_end(args);
     if (path == nullptr)
         return -1;
 
-    Fd fd(open(path.get(), O_RDONLY | O_CLOEXEC));
+    kt::unique_fd fd(open(path.get(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0)
         return -1;
     const size_t limit = size - 1 < INT_MAX ? size - 1 : INT_MAX;
