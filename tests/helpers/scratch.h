@@ -71,6 +71,11 @@ inline bool run(const std::string &command, std::string *output = nullptr) {
     return status == 0;
 }
 
+// Whether the program runs inside tests/sandbox/run, whose fixed paths and /tmp are fresh tmpfs.
+inline bool in_sandbox() {
+    return std::getenv("HOTPLUGD_SANDBOX") != nullptr;
+}
+
 inline std::string shell_quoted(const std::string &text) {
     return "'" + text + "'";
 }
