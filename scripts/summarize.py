@@ -20,6 +20,16 @@ def count(path):
     return passed, failed, skipped
 
 
+def case_counts(report):
+    """The GoogleTest cases behind a CTest report, from the programs' own XML reports."""
+    preset = report.stem.removeprefix("ctest-")
+    build = Path("build" if preset == "default" else f"build-{preset}") / "test-results"
+    totals = [0, 0, 0]
+    for xml in sorted(build.glob("*.xml")) if build.is_dir() else []:
+        totals = [a + b for a, b in zip(totals, count(xml))]
+    return totals
+
+
 def main(argv):
     totals = [0, 0, 0]
     for name in argv[1:]:
@@ -29,7 +39,11 @@ def main(argv):
             totals[1] += 1
             continue
         p, f, s = count(path)
-        print(f"{path.stem}: {p} passed, {f} failed, {s} skipped")
+        detail = ""
+        if path.stem.startswith("ctest-"):
+            cp, cf, cs = case_counts(path)
+            detail = f" (GoogleTest cases: {cp} passed, {cf} failed, {cs} skipped)"
+        print(f"{path.stem}: {p} passed, {f} failed, {s} skipped{detail}")
         totals = [totals[0] + p, totals[1] + f, totals[2] + s]
     print(f"{totals[0]} passed, {totals[1]} failed, {totals[2]} skipped")
     return 0 if totals[1] == 0 else 1
