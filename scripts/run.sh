@@ -12,9 +12,13 @@ done
 
 echo "hotplugd: the daemon's entry point is not built yet; this is what exists so far."
 echo
-echo "Support library (native release and mipsel):"
-size build-release/lib/libkt.a | awk 'NR == 1 || /\.o$/ || /\.a\)/'
-ls -l build-release/lib/libkt.a build-mipsel/lib/libkt.a
+echo "Libraries built so far (text/data/bss per object of the native release build):"
+for lib in build-release/lib/libkt.a build-release/config/libhotplugd_config.a \
+           build-release/registry/libhotplugd_registry.a; do
+    size "$lib" | awk 'NR > 1 { printf "  %-28s %7d %5d %5d\n", $6, $1, $2, $3 }'
+done
+echo "Archive sizes, native release and mipsel:"
+ls -l build-release/*/lib*.a build-mipsel/*/lib*.a | awk '!/gtest/ { printf "  %8d  %s\n", $5, $9 }'
 echo
 echo "The library's C headers, compiled as C and called from a C program for the appliance:"
 file build-mipsel/tests/unit/test_c_headers | cut -d, -f1-2
