@@ -233,8 +233,12 @@ int kt_cfg_set_strings(const char *path, const char *tmp_dir, const ktmap *pairs
     if (tmp.get() < 0)
         return -errno;
 
-    // From here on a failure leaves the partly written temporary file in tmp_dir; only the
+    // From here on a failure leaves the partly written temporary file in tmp_dir, as the
+    // appliance's store always has (tmp_dir is scratch space, emptied at boot); only the
     // rename below ever touches `path`, so the old file stays whole whatever happens.
+    // Only keys already in the file are replaced, none is added, on purpose: a program's
+    // settings file ships with every key it may set, and the appliance's configuration tools
+    // leave a key out to say that a setting is not to be kept (drive letters rely on this).
     file_writer out(tmp.get());
     std::string_view line;
     while (in.next(&line)) {
