@@ -1,8 +1,11 @@
 """The test sandbox: fixed paths become private tmpfs and nothing of it reaches the host."""
 import os
+import shutil
+import subprocess
+import tempfile
 from pathlib import Path
 
-from conftest import in_sandbox, need_root
+from conftest import SANDBOX, in_sandbox, need_root
 
 FIXED_DIRS = ["/var/run", "/var/lock", "/tmp/ktipc", "/var/etc/kelto", "/etc/sysconfig",
               "/etc/scripts", "/tmp/share"]
@@ -58,3 +61,26 @@ def test_exit_status_and_host_tmp_hidden(host_state, tmp_path):
         assert kept.returncode == 0 and kept.stdout == "host"
     finally:
         marker.unlink()
+
+
+def test_checkout_under_tmp_stays_reachable(host_state):
+    """CI may clone the project under /tmp: the fresh /tmp must not hide its tests."""
+    need_root()
+    checkout = Path(tempfile.mkdtemp(prefix="hotplugd-checkout-", dir="/tmp"))
+    try:
+        scripts = checkout / "tests" / "sandbox"
+        scripts.mkdir(parents=True)
+        for name in ("run", "host-state"):
+            shutil.copy2(SANDBOX.parent / name, scripts / name)
+        (checkout / "input").write_text("from the host")
+        # Inside, /tmp is fresh: it holds only the fixed paths and the carried checkout.
+        others = f"ls -A /tmp | grep -v -x -e ktipc -e share -e {checkout.name}"
+        script = f'cat {checkout}/input > {checkout}/output && test -z "$({others})"'
+        result = subprocess.run([str(scripts / "run"), "--", "sh", "-c", script],
+                                capture_output=True, text=True, timeout=60)
+        assert result.returncode == 0, result.stderr
+        assert (checkout / "output").read_text() == "from the host", "written through to the host"
+        home = Path(os.environ.get("HOME", "/root"))
+        assert not list(home.glob(".sandbox.*")), "the staging area outside /tmp is removed"
+    finally:
+        shutil.rmtree(checkout)
