@@ -26,7 +26,7 @@ void ktmap_dispose(ktmap *map) {
 }
 
 ktlist_node *ktmap_find(const ktmap *map, const char *key) {
-    if (map == nullptr || map->list == nullptr)
+    if (map == nullptr || map->list == nullptr || key == nullptr)
         return nullptr;
     if (map->compare == nullptr)
         return map->list;

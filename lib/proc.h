@@ -50,14 +50,14 @@ int proc_readd_stdout(ktprocess *proc, char *buf, int32_t size, const char *deli
 /* As proc_readd_stdout when `delims` is given; without it one block read of up to `size` bytes
  * (it returns once `size` bytes or the end of the output arrived), not terminated. With a limit,
  * first waits for the pipe to become readable: 0 on time-out. Note that the wait is
- * *timeout_ms / 1000 seconds plus *timeout_ms milliseconds (about twice the limit), and that it
+ * *timeout_ms / 1000 seconds plus *timeout_ms milliseconds, and that it
  * looks at the pipe, not at bytes an earlier delimited read left buffered in `out`. -1 on
  * error or at the end of the output. */
 int proc_readd_stdout_tm(ktprocess *proc, char *buf, int32_t size, const char *delims,
                          unsigned int *timeout_ms);
 
 /* Writes printf-formatted text to the child's standard input and flushes it; what vfprintf
- * returned, or -1 for a null argument, no `in`, or a failed flush. */
+ * returned, or -1 for a null argument or no `in`. */
 int proc_write_stdin(ktprocess *proc, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -50,8 +50,14 @@ TEST_F(ListTest, EraseReturnsFollowerAndHeadAfterLast) {
     EXPECT_EQ(ktlist_erase(list, a), b);
     EXPECT_EQ(ktlist_erase(list, b), list) << "erasing the last element ends a walk";
     EXPECT_EQ(ktlist_count(list), 0u);
-    EXPECT_EQ(ktlist_erase(list, list), nullptr) << "empty list";
+    // A node of another list, handed to this empty one: nothing may change on either side.
+    ktlist *other = ktlist_create();
+    ktlist_node *foreign = ktlist_insert(other, other, item(3));
+    EXPECT_EQ(ktlist_erase(list, foreign), nullptr) << "empty list";
     EXPECT_EQ(ktlist_count(list), 0u);
+    EXPECT_EQ(ktlist_count(other), 1u);
+    EXPECT_EQ(other->next, foreign);
+    ktlist_dispose(other);
 }
 
 TEST_F(ListTest, WalkAndDeleteIdiomKeepsTheOthers) {

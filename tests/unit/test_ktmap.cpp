@@ -30,6 +30,12 @@ TEST(Map, FindReturnsFirstMatchOrHead) {
 
 TEST(Map, NullArguments) {
     EXPECT_EQ(ktmap_find(nullptr, "A"), nullptr);
+    ktmap *strings = ktmap_create(std::strcmp);
+    char a[] = "A", one[] = "1";
+    ktpair only{a, one};
+    ktlist_insert(strings->list, strings->list, &only);
+    EXPECT_EQ(ktmap_find(strings, nullptr), nullptr) << "strcmp must never see a null key";
+    ktmap_dispose(strings);
     ktmap_dispose(nullptr);
     ktmap *map = ktmap_create(nullptr);
     ASSERT_NE(map, nullptr);

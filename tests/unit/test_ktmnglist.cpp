@@ -88,7 +88,7 @@ TEST(MngList, EraseCallsOnFreeAndReturnsFollower) {
     EXPECT_EQ(ktmnglist_erase(mlist, first), second);
     EXPECT_EQ(freed, std::vector<void *>{first_buffer});
     EXPECT_EQ(ktmnglist_erase(mlist, second), mlist->list);
-    EXPECT_EQ(ktmnglist_erase(mlist, mlist->list), nullptr) << "empty list";
+    EXPECT_EQ(ktmnglist_erase(mlist, mlist->list), nullptr) << "the head is no element";
 
     ktmnglist_insert(mlist, mlist->list, &a, sizeof a);
     ktmnglist_insert(mlist, mlist->list, &b, sizeof b);

@@ -280,6 +280,10 @@ TEST_F(ProcTest, TimedReads) {
     timeval select_limit = proc_read_limit(1500);
     EXPECT_EQ(select_limit.tv_sec, 1);
     EXPECT_EQ(select_limit.tv_usec, 1500000);
+    // Past what a 32-bit microsecond field holds, the same wait is folded into seconds.
+    select_limit = proc_read_limit(3000500);
+    EXPECT_EQ(select_limit.tv_sec, 6000);
+    EXPECT_EQ(select_limit.tv_usec, 500000);
 
     p = proc_create(PROC_STDOUT_PIPE, "printf l1\\nabcdef");
     ASSERT_NE(p, nullptr);
