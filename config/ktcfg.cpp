@@ -179,7 +179,8 @@ struct section_deleter {
 extern "C" {
 
 int kt_cfg_get_lock(int operation) {
-    // Close-on-exec: a program started while the lock is held must not keep it alive.
+    // Close-on-exec: programs run while the lock is held (tar, for the ROM) have no use for it,
+    // and one that outlived a holder killed before its release would keep the lock.
     int fd = open(KT_CFG_LOCK_FILE, O_WRONLY | O_CREAT | O_CLOEXEC, lock_file_mode);
     if (fd < 0)
         return -errno;

@@ -39,9 +39,10 @@ int run_archiver(const char *rom, const char *dir, archive_mode mode) {
         _exit(1);
     }
 
-    // wait() for any child, not waitpid() for this one: kept as it stands, since the only
-    // caller (the mount thread, while it holds the configuration lock) has no other child
-    // running, so the first child to end is this one.
+    // wait() for any child, not waitpid() for this one: deliberate and kept as the appliance
+    // has always done it. Its price: a caller with another child that ends first (a hook
+    // program left running past its time limit, say) gets that child's status here while tar
+    // may still be writing. Callers keep no other child running while they store.
     int status = 0;
     while (wait(&status) < 0) {
         if (errno != EINTR)

@@ -68,7 +68,9 @@ int ktread_filef(char *buffer, size_t size, const char *path_format, ...) {
     if (path == nullptr)
         return -1;
 
-    kt::unique_fd fd(open(path.get(), O_RDONLY | O_CLOEXEC));
+    // Non-blocking: request paths come from any local user, and a FIFO planted where an
+    // attribute should be must not stop the mount thread in open() or read().
+    kt::unique_fd fd(open(path.get(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0)
         return -1;
     const size_t limit = size - 1 < INT_MAX ? size - 1 : INT_MAX;

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -52,6 +53,25 @@ TEST(ReadFile, OneBoundedReadWithoutTheFinalNewline) {
     char buffer[16];
     EXPECT_EQ(ktread_filef(buffer, sizeof buffer, "%s", file.c_str()), 5);
     EXPECT_STREQ(buffer, "long");
+}
+
+// Request paths come from any local user: a FIFO planted as an attribute reads as empty at once
+// instead of stopping the reader. The read runs in a child so that a hang fails the test.
+TEST(ReadFile, PlantedFifoDoesNotBlock) {
+    scratch_dir dir;
+    const std::string fifo = dir.path() + "/serial";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        alarm(5);
+        char buffer[16] = "x";
+        _exit(ktread_filef(buffer, sizeof buffer, "%s", fifo.c_str()) == 0 && buffer[0] == 0 ? 0
+                                                                                             : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
 }
 
 // A typical stick's USB attributes, and the SCSI ones of its disk (padded as the kernel has them).
