@@ -23,7 +23,7 @@ using kt_test::read_file;
 
 struct PidFileTest : ::testing::Test {
     void SetUp() override {
-        if (std::getenv("HOTPLUGD_SANDBOX") == nullptr)
+        if (!kt_test::in_sandbox())
             GTEST_SKIP() << "needs tests/sandbox/run: it writes /var/run/hotplugd.pid";
         unlink(pid_path);
     }

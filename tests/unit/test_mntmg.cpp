@@ -135,7 +135,9 @@ TEST_F(QueueTest, WaitTimesOutOrWakesForARequest) {
         mntmg_record r = request(add, sdb1, 1);
         mntmg_setdata(queue, &r);
     });
-    EXPECT_EQ(mntmg_wait(queue, -1), 1) << "without a limit";
+    start = Clock::now();
+    EXPECT_EQ(mntmg_wait(queue, 10000), 1);
+    EXPECT_LT(elapsed_ms(start), 5000) << "woken by the request, long before the limit";
     producer.join();
     EXPECT_EQ(mntmg_getlen(queue), 1) << "waiting takes nothing";
 }

@@ -135,7 +135,7 @@ TEST(SdName, FromMinor) {
 }
 
 TEST(SdSize, MountedExt2Image) {
-    if (std::getenv("HOTPLUGD_SANDBOX") == nullptr)
+    if (!kt_test::in_sandbox())
         GTEST_SKIP() << "needs tests/sandbox/run: it mounts a file system";
     kt_test::scratch_dir dir;
     const std::string image = dir / "disk.img", mnt = dir / "mnt";
