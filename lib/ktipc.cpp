@@ -39,8 +39,8 @@ int send_to(const ktipc *ipc, const void *buf, size_t len, const sockaddr_un &to
 }
 
 // Releases a half-made channel. Once a path was given it is unlinked too, even when the file
-// was somebody else's: the daemon's start-up and its clients count on a failed create leaving
-// nothing at that name, so that the next attempt binds afresh.
+// was somebody else's: deliberate, so that a failed create never leaves a file in the way of
+// the next attempt at that name.
 ktipc *fail_create(ktipc *ipc, const char *path) {
     if (ipc->fd != -1)
         close(ipc->fd);

@@ -1,6 +1,6 @@
 // ktutf8: character lengths from lead bytes only; what the code points mean is not judged.
-// Structural on purpose: volume labels and USB strings that the appliance has always accepted
-// (overlong forms, surrogates, lead bytes F5-F7 included) must keep their drive names.
+// Structural on purpose: labels that pass here (overlong forms, surrogates, lead bytes F5-F7
+// included) name their drives as they always have on the appliance.
 #include "lib/ktutf8.h"
 
 namespace {

@@ -107,8 +107,8 @@ char **proc_split_words(char *text) {
             if (close != nullptr) {
                 // Dropping the word's first character removes an opening quote that starts the
                 // word; one that opens mid-word costs the word its first character instead.
-                // Kept: the hook program and tool command lines in the field are written for
-                // exactly this splitting.
+                // Deliberate and kept: command lines are split as the appliance's have always
+                // been, so its tools and hook programs get the arguments they always got.
                 ++start;
                 end = close;
                 // The character after a closing quote is taken to be a separator and skipped.
