@@ -8,13 +8,21 @@
 
 namespace {
 
+// The record at `node`, or null when the element is not one whole record (the list is open to
+// every holder of the lock, so a short element must not be read past its end).
 sddb_record *record_at(ktmngiterator node) {
-    return static_cast<sddb_record *>(ktmngiterator_get_ptr(node));
+    const auto *elem = static_cast<const ktmnglist_elem *>(node->data);
+    if (elem == nullptr || elem->size != sizeof(sddb_record))
+        return nullptr;
+    return static_cast<sddb_record *>(elem->buffer);
 }
 
-// strcmp of node names, bounded by the field so an unterminated name cannot run past it.
+// strcmp of node names, bounded by the field so an unterminated name cannot run past it; an
+// element that is no record sorts first and matches nothing.
 int compare_name(ktmngiterator node, const char *name) {
     const sddb_record *record = record_at(node);
+    if (record == nullptr)
+        return -1;
     return std::strncmp(record->node_name, name, sizeof record->node_name);
 }
 

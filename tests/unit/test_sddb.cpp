@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
@@ -89,6 +90,15 @@ TEST_F(DatabaseTest, RemoveTakesEveryExactMatch) {
     EXPECT_EQ(sddb_remove(db->list, "sdx", note_removed, &removed), 0);
     EXPECT_EQ(sddb_remove(db->list, "sdb", nullptr, nullptr), 1) << "no callback needed";
     EXPECT_EQ(order(), (Names{"sdc1#4", "sdb10#5"}));
+
+    // A short element put in by another holder of the lock is never read as a record.
+    const char stray[4] = {'s', 'd', 'c', '1'};
+    ASSERT_NE(ktmnglist_insert(db->list, db->list->list, stray, sizeof stray), nullptr);
+    EXPECT_EQ(sddb_remove(db->list, "sdc1", nullptr, nullptr), 1);
+    sddb_record record{};
+    std::snprintf(record.node_name, sizeof record.node_name, "sdd1");
+    EXPECT_EQ(sddb_insert(db->list, &record), 0);
+    EXPECT_EQ(ktmnglist_length(db->list), 3u);
 }
 
 TEST_F(DatabaseTest, NullArgumentsAndUnusableRecordsFail) {
