@@ -7,7 +7,7 @@ packages=(
   googletest libgtest-dev
   python3 python3-pytest
   g++-mipsel-linux-gnu qemu-user-static
-  util-linux mount e2fsprogs dosfstools mtools disktype ntfs-3g tar
+  util-linux mount fdisk e2fsprogs dosfstools mtools disktype ntfs-3g tar
   fuse3 libfuse3-dev pkg-config file
 )
 
