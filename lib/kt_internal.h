@@ -2,10 +2,14 @@
 #ifndef KT_INTERNAL_H
 #define KT_INTERNAL_H
 
+#include "lib/ktutf8.h"
+
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <string_view>
 #include <unistd.h>
 
 namespace kt {
@@ -39,6 +43,27 @@ class unique_fd {
 
   private:
     int fd_;
+};
+
+// A fixed field's text as a terminated string of its own: fields of the shared records may be
+// filled to their width without a NUL, and a copy can be cut or parsed without touching them.
+template <size_t N> class field_text {
+  public:
+    explicit field_text(const char (&field)[N]) {
+        size_t n = strnlen(field, N);
+        std::memcpy(text_, field, n);
+        text_[n] = '\0';
+    }
+    char *get() { return text_; }
+    const char *c_str() const { return text_; }
+    std::string_view view() const { return text_; }
+    bool empty() const { return text_[0] == '\0'; }
+    bool holds(char c) const { return std::strchr(text_, c) != nullptr; }
+    // Non-empty and UTF-8: only such device text may go into a name.
+    bool usable() const { return !empty() && kt_is_utf8(text_) != 0; }
+
+  private:
+    char text_[N + 1];
 };
 
 // Formats into a heap buffer of `initial` bytes that grows to exactly the length needed when

@@ -3,6 +3,7 @@
 
 #include "config/ktcfg.h"
 #include "config/ktcfg_rom.h"
+#include "lib/kt_internal.h"
 #include "lib/ktmap.h"
 #include "lib/ktutf8.h"
 #include "registry/drivename_internal.h"
@@ -17,6 +18,8 @@
 #include <syslog.h>
 
 namespace {
+
+using kt::field_text;
 
 // The directory that holds the letter file and that goes to ROM whole.
 constexpr char sysconfig_dir[] = "/etc/sysconfig";
@@ -49,25 +52,6 @@ uint32_t owner_of(int16_t disk_index) {
 constexpr bool is_word_char(char c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
-
-// A fixed field's text as a terminated string of its own: a field may be filled to its width
-// without a NUL, and the word rule cuts this copy, never the record.
-template <size_t N> class field_text {
-  public:
-    explicit field_text(const char (&field)[N]) {
-        size_t n = strnlen(field, N);
-        std::memcpy(text_, field, n);
-        text_[n] = '\0';
-    }
-    char *get() { return text_; }
-    bool empty() const { return text_[0] == '\0'; }
-    bool holds(char c) const { return std::strchr(text_, c) != nullptr; }
-    // Non-empty and UTF-8: only such text may go into a name.
-    bool usable() const { return !empty() && kt_is_utf8(text_) != 0; }
-
-  private:
-    char text_[N + 1];
-};
 
 struct release_string {
     void operator()(char *value) const { kt_cfg_release_string(value); }
@@ -240,14 +224,15 @@ const char *label_value(const sddb_record *record, char (&value)[label_size],
     return *chosen != '\0' && kt_is_utf8(chosen) ? chosen : nullptr;
 }
 
-// The name becomes a directory under the share directory and a word of the hooks' command
-// lines. The raw volume label is used as it stands, so a label holding a slash or a control
-// byte would lead out of the share directory or break a line; such a name gives way to the
-// fallback, which holds no device text. Labels are cleaned when probed as well, but names must
-// be safe whoever filled the record.
+// The name becomes a directory under the share directory and, inside double quotes, a word of
+// the add script's shell command line. The raw volume label is used as it stands, so a label
+// holding a slash or a control byte would lead out of the share directory or break a line, and
+// a "$" would expand in the shell; such a name gives way to the fallback, which holds no device
+// text. (Probing turns quotes, backquotes and backslashes into "_" already, but names must be
+// safe whoever filled the record.)
 bool is_safe_name(const char *name) {
     for (const char *p = name; *p != '\0'; ++p)
-        if (*p == '/' || static_cast<unsigned char>(*p) < 0x20 || *p == 0x7f)
+        if (*p == '/' || *p == '$' || static_cast<unsigned char>(*p) < 0x20 || *p == 0x7f)
             return false;
     return true;
 }

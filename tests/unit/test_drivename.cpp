@@ -174,8 +174,8 @@ TEST(LettersOff, IdentifierFromTheSerial) {
 // Names from DRVNAME with "%V", or from the VLABEL fallback, and what the rules make of hostile
 // vendor, model and label bytes. Letters off and no serial: the identifier is "1". A first word
 // holds ASCII letters and digits only, so vendor and model bring nothing else; a label without
-// such a word is used as it stands, unless a slash or control byte in it could lead out of the
-// share directory or break a command line: then the fallback name.
+// such a word is used as it stands, unless a slash, "$" or control byte in it could lead out of
+// the share directory or act in a command line: then the fallback name.
 TEST(LettersOff, NamesFromThePatterns) {
     const std::string v100(100, 'V'), l120(120, 'L'), w300(300, 'W'), f130(130, 'F');
     const std::string photo = "\xe5\x86\x99\xe7\x9c\x9f"; // UTF-8 without an ASCII word
@@ -205,7 +205,8 @@ TEST(LettersOff, NamesFromThePatterns) {
         {"%V%D", "Drive-%D", "", "", "\n", "Drive-1"},
         {"%V%D", "Drive-%D", "", "", "\x7f", "Drive-1"},
         {"%V%D", "Drive-%D", "", "", "..", "..1"},
-        {"%V%D", "Drive-%D", "", "", "';|&$(", "';|&$(1"},
+        {"%V%D", "Drive-%D", "", "", "';|&(", "';|&(1"},
+        {"%V%D", "Drive-%D", "", "", "$(~)", "Drive-1"}, // would expand in the add script
     };
     drive_letter_table table{};
     for (const Case &c : cases) {
