@@ -4,12 +4,14 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <fstream>
 #include <ftw.h>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kt_test {
 
@@ -74,6 +76,22 @@ inline bool run(const std::string &command, std::string *output = nullptr) {
 // Whether the program runs inside tests/sandbox/run, whose fixed paths and /tmp are fresh tmpfs.
 inline bool in_sandbox() {
     return std::getenv("HOTPLUGD_SANDBOX") != nullptr;
+}
+
+// What `code` writes to standard output (descriptor 1, the C stream flushed), instead of there.
+template <typename Code> std::string capture_stdout(Code code) {
+    scratch_dir dir;
+    const std::string path = dir / "stdout";
+    std::fflush(stdout);
+    int saved = dup(1);
+    int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(file, 1);
+    close(file);
+    code();
+    std::fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    return read_file(path);
 }
 
 inline std::string shell_quoted(const std::string &text) {

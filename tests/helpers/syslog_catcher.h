@@ -8,11 +8,13 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <string>
+#include <string_view>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -82,6 +84,19 @@ inline int private_dev_log(std::vector<std::string> keep, std::string *error) {
     return sock;
 }
 
+// Sent to /dev/log after the code, so the drain knows it has every message.
+constexpr std::string_view end_mark = "end of the caught messages"; // syslog sends "<PRI>..."
+
+inline void send_end_mark() {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "/dev/log");
+    int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sendto(sock, end_mark.data(), end_mark.size(), 0, reinterpret_cast<sockaddr *>(&addr),
+           sizeof addr);
+    close(sock);
+}
+
 } // namespace detail
 
 // Runs `code` (returning int) in a forked child where syslog, opened with the daemon's ident
@@ -102,16 +117,26 @@ caught_syslog catch_syslog(Code code, const std::vector<std::string> &keep = {})
         std::string error, out;
         int result = 0;
         int sock = detail::private_dev_log(keep, &error);
+        std::string messages;
         if (sock >= 0) {
+            // A datagram socket queues only a few messages: they are taken as they come.
+            std::thread drain([&] {
+                char message[2048];
+                for (ssize_t n; (n = recv(sock, message, sizeof message, 0)) > 0;) {
+                    if (std::string_view(message, static_cast<size_t>(n)) == detail::end_mark)
+                        break;
+                    detail::put_text(&messages, std::string(message, static_cast<size_t>(n)));
+                }
+            });
             openlog("hotplug", LOG_PID, LOG_DAEMON);
             result = code();
             closelog();
+            detail::send_end_mark();
+            drain.join();
         }
         out.append(reinterpret_cast<const char *>(&result), sizeof result);
         detail::put_text(&out, error);
-        char message[2048];
-        for (ssize_t n; sock >= 0 && (n = recv(sock, message, sizeof message, MSG_DONTWAIT)) > 0;)
-            detail::put_text(&out, std::string(message, static_cast<size_t>(n)));
+        out += messages;
         (void)!write(report[1], out.data(), out.size());
         _exit(0);
     }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <unistd.h>
 
 namespace kt_test {
 
@@ -17,8 +18,9 @@ inline bool on_ci() {
     return ci != nullptr && std::strcmp(ci, "true") == 0;
 }
 
-// `image` attached to a free loop device, detached again at the end; device() is empty when
-// attaching failed.
+// `image` attached to a free loop device, or to /dev/loop<number> (read-only when asked: its
+// minor then names the disk the daemon sees, 17 being "sdb1"), detached again at the end; a
+// numbered device that the test made is removed again. device() is empty when attaching failed.
 class LoopDevice {
   public:
     explicit LoopDevice(const std::string &image) {
@@ -27,9 +29,21 @@ class LoopDevice {
             out.rfind("/dev/loop", 0) == 0)
             device_ = out.substr(0, out.find('\n'));
     }
+    LoopDevice(const std::string &image, int number, bool read_only = false) {
+        const std::string device = "/dev/loop" + std::to_string(number);
+        made_ =
+            access(("/sys/block/loop" + std::to_string(number)).c_str(), F_OK) != 0 ? number : -1;
+        if (run("losetup " + std::string(read_only ? "-r " : "") + device + " " +
+                shell_quoted(image) + " 2>/dev/null"))
+            device_ = device;
+    }
     ~LoopDevice() {
         if (!device_.empty())
             run("losetup -d " + device_);
+        if (made_ >= 0)
+            run("python3 -c 'import fcntl, os; fcntl.ioctl(os.open(\"/dev/loop-control\", "
+                "os.O_RDWR), 0x4C81, " +
+                std::to_string(made_) + ")' 2>/dev/null");
     }
     LoopDevice(const LoopDevice &) = delete;
     LoopDevice &operator=(const LoopDevice &) = delete;
@@ -40,6 +54,7 @@ class LoopDevice {
 
   private:
     std::string device_;
+    int made_ = -1; // LOOP_CTL_REMOVE (0x4C81) takes it away again
 };
 
 // A file system mounted from `device` on `dir`, unmounted at the end; ok() says whether it was.
