@@ -13,6 +13,11 @@
 #include "lib/ktmnglist.h"
 #include "lib/ktutf8.h"
 #include "lib/proc.h"
+#include "mount/fsmount.h"
+#include "mount/hooks.h"
+#include "mount/mount_thread.h"
+#include "mount/probe.h"
+#include "mount/probe_text.h"
 #include "registry/drivename.h"
 #include "registry/mntmg.h"
 #include "registry/records.h"
@@ -118,5 +123,19 @@ int main(void) {
           "get_drivename");
     device.drive_slot = 2 * DRIVE_SLOT_GROUP + DRIVE_LETTER_COUNT;
     check(release_drivename(&letters, &device) == -1, "release_drivename");
+
+    probe_scan scan = {0, 0, 0};
+    probe_scan_line(&scan, "FAT32 file system");
+    check(scan.kind == FSTYPE_FAT32, "probe_scan_line");
+    char label[8];
+    check(probe_clean_label("a:b", label, sizeof label) == 3 && strcmp(label, "a_b") == 0,
+          "probe_clean_label");
+    check(disk_name_of(16, label, sizeof label) == 0 && strcmp(label, "sdb") == 0, "disk_name_of");
+    check(callprog("/bin/true", HOOK_ADD) == -1, "callprog refuses ADD");
+    mount_thread_ctx ctx;
+    memset(&ctx, 0, sizeof ctx);
+    check(prepare_partition(&ctx, &device, NULL) == -1 && hotplug_mount(NULL, NULL) == -1 &&
+              is_mounted_at("/", "/") == 0 && umount_partition(NULL, 0) == -1,
+          "the mount engine refuses null");
     return failures == 0 ? 0 : 1;
 }

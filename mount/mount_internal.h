@@ -1,0 +1,29 @@
+// mount_internal: what the mount engine's sources share; never installed.
+#ifndef MOUNT_MOUNT_INTERNAL_H
+#define MOUNT_MOUNT_INTERNAL_H
+
+#include "lib/proc.h"
+
+#include <memory>
+#include <syslog.h>
+
+namespace mount_engine {
+
+// Every error line of the engine is preceded by where it was raised: this source tag (the name
+// the appliance's log readers know), the function and the line.
+constexpr char source_tag[] = "mount_thread";
+
+struct free_process {
+    void operator()(ktprocess *proc) const { proc_free_ktprocess(proc); }
+};
+// A started outside program, freed (not waited for) when it goes.
+using process = std::unique_ptr<ktprocess, free_process>;
+
+// The line before an error: the place it was raised, `function` at `line`.
+inline void log_place(const char *function, int line) {
+    syslog(LOG_ERR, "%s:%s(%d)", source_tag, function, line);
+}
+
+} // namespace mount_engine
+
+#endif
