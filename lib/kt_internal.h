@@ -6,6 +6,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -65,6 +66,20 @@ template <size_t N> class field_text {
   private:
     char text_[N + 1];
 };
+
+// The number at the start of `text` as sscanf's "%d" converts it (leading white space and a sign
+// accepted), clamped to 32 bits instead of sscanf's undefined behaviour on overflow. False when
+// there is no number; `end` (if given) is then `text`, else just past the digits.
+inline bool to_int(const char *text, int32_t *value, const char **end = nullptr) {
+    char *stop = nullptr;
+    long long v = std::strtoll(text, &stop, 10);
+    if (end != nullptr)
+        *end = stop;
+    if (stop == text)
+        return false;
+    *value = static_cast<int32_t>(v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : v);
+    return true;
+}
 
 // Formats into a heap buffer of `initial` bytes that grows to exactly the length needed when
 // the text does not fit; null when formatting or allocation fails.

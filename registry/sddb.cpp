@@ -8,19 +8,10 @@
 
 namespace {
 
-// The record at `node`, or null when the element is not one whole record (the list is open to
-// every holder of the lock, so a short element must not be read past its end).
-sddb_record *record_at(ktmngiterator node) {
-    const auto *elem = static_cast<const ktmnglist_elem *>(node->data);
-    if (elem == nullptr || elem->size != sizeof(sddb_record))
-        return nullptr;
-    return static_cast<sddb_record *>(elem->buffer);
-}
-
 // strcmp of node names, bounded by the field so an unterminated name cannot run past it; an
 // element that is no record sorts first and matches nothing.
 int compare_name(ktmngiterator node, const char *name) {
-    const sddb_record *record = record_at(node);
+    const sddb_record *record = sddb_record_at(node);
     if (record == nullptr)
         return -1;
     return std::strncmp(record->node_name, name, sizeof record->node_name);
@@ -81,6 +72,13 @@ void sddb_unlock(sddb *db) {
         pthread_mutex_unlock(&db->mutex);
 }
 
+sddb_record *sddb_record_at(ktmngiterator node) {
+    const auto *elem = node != nullptr ? static_cast<const ktmnglist_elem *>(node->data) : nullptr;
+    if (elem == nullptr || elem->size != sizeof(sddb_record))
+        return nullptr;
+    return static_cast<sddb_record *>(elem->buffer);
+}
+
 int sddb_insert(ktmnglist *list, const sddb_record *record) {
     if (list == nullptr || record == nullptr)
         return -1;
@@ -101,7 +99,7 @@ int sddb_remove(ktmnglist *list, const char *node_name, sddb_remove_fn before_er
             continue;
         }
         if (before_erase != nullptr)
-            before_erase(record_at(node), context);
+            before_erase(sddb_record_at(node), context);
         ktmnglist_erase(list, node);
         ++erased;
         // Every twin of the name goes too; each search starts again from the head.

@@ -34,6 +34,10 @@ ktmnglist *sddb_lock(sddb *db);
  */
 void sddb_unlock(sddb *db);
 
+/* With the lock held: the record at `node`, to read or change in place, or 0 when the node
+ * holds no whole record (the list is open to every holder of the lock). */
+sddb_record *sddb_record_at(ktmngiterator node);
+
 /* With the lock held: inserts a copy of `record` by its node_name in the order clients see:
  * just before the first entry of the same name; otherwise one place before where sorting would
  * put it (before the first entry when that one is greater, second to last when none is greater

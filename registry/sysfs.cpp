@@ -29,17 +29,8 @@ int read_attribute(char *field, const char *dir, const char *name) {
     return ktread_filef(field, attribute_size, "%s/%s", dir, name);
 }
 
-// Conversions as sscanf's "%d", "%x" and "%llu" make them (leading blanks and a sign accepted,
+// Conversions as sscanf's "%x" and "%llu" make them (leading blanks and a sign accepted,
 // trailing text ignored), without sscanf's undefined behaviour on overflow.
-bool to_int(const char *text, int32_t *value) {
-    char *end = nullptr;
-    long long v = std::strtoll(text, &end, 10);
-    if (end == text)
-        return false;
-    *value = static_cast<int32_t>(v < INT32_MIN ? INT32_MIN : v > INT32_MAX ? INT32_MAX : v);
-    return true;
-}
-
 bool to_unsigned(const char *text, int base, unsigned long long *value) {
     char *end = nullptr;
     *value = std::strtoull(text, &end, base);
@@ -96,7 +87,7 @@ int get_sysusbdata(const char *usb_path, sddb_disk_info *record_part) {
     read_usb_id(usb_path, "idProduct", &record_part->id_product);
 
     char text[attribute_size];
-    if (read_attribute(text, usb_path, "speed") > 0 && !to_int(text, &record_part->speed))
+    if (read_attribute(text, usb_path, "speed") > 0 && !kt::to_int(text, &record_part->speed))
         record_part->speed = 0;
     return 0;
 }
@@ -115,7 +106,7 @@ int get_sysblockdata(const char *block_path, sddb_disk_info *record_part,
         return -1;
     char text[attribute_size];
     int32_t removable = 0;
-    if (read_attribute(text, block_path, "removable") >= 0 && to_int(text, &removable) &&
+    if (read_attribute(text, block_path, "removable") >= 0 && kt::to_int(text, &removable) &&
         removable > 0)
         record_part->removable = 1;
 
