@@ -1,10 +1,6 @@
 // Tests of probing, mounting and the hooks on real loop devices with the real tools, in the
 // sandbox.
-#include "mount/fsmount.h"
-#include "mount/hooks.h"
-#include "mount/probe.h"
-
-#include "loop_device.h"
+#include "engine_fixture.h"
 #include "tests/helpers/syslog_catcher.h"
 
 #include <gtest/gtest.h>
@@ -21,118 +17,14 @@
 
 namespace {
 
+using kt_test::Engine;
+using kt_test::hook_log;
+using kt_test::kernel_has;
+using kt_test::mount_options;
+using kt_test::put;
 using kt_test::read_file;
 using kt_test::run;
 using kt_test::write_file;
-
-// The disk under test is 'sdb': partition p is /dev/loop(16 + p).
-constexpr int disk_minor = 16;
-constexpr char hook_log[] = "/tmp/hooks.log";
-
-bool kernel_has(const std::string &fs) {
-    return read_file("/proc/filesystems").find("\t" + fs + "\n") != std::string::npos;
-}
-
-// The options of the mount at `dir` ("rw,relatime"), or "" when nothing is mounted there.
-std::string mount_options(const std::string &dir) {
-    std::ifstream mounts("/proc/self/mountinfo");
-    std::string line, id, parent, devno, root, point, options;
-    while (std::getline(mounts, line))
-        if (std::istringstream(line) >> id >> parent >> devno >> root >> point >> options &&
-            point == dir)
-            return options.substr(0, options.find(','));
-    return "";
-}
-
-template <size_t N> void put(char (&field)[N], const std::string &text) {
-    std::snprintf(field, N, "%s", text.c_str());
-}
-
-struct Engine : ::testing::Test {
-    kt_test::scratch_dir dir;
-    hotplugd_settings settings{};
-    drive_letter_table letters{};
-    mount_thread_ctx ctx{};
-    std::vector<std::unique_ptr<kt_test::LoopDevice>> loops;
-
-    void SetUp() override {
-        if (!kt_test::in_sandbox())
-            GTEST_SKIP() << "needs tests/sandbox/run: it makes nodes, mounts and hook scripts";
-        put(settings.share_dir, "/tmp/share");
-        put(settings.tmp_dir, "/tmp/dev");
-        put(settings.drive_name_format, "%V_%D");
-        put(settings.fallback_name_format, "Drive-%D");
-        settings.use_volume_label = 1;
-        settings.mount_gid = 100;
-        ctx.settings = &settings;
-        ctx.devices = sddb_initialize();
-        ctx.drive_letter_table = &letters;
-        // The appliance's scripts record how they were called and what they inherited, as
-        // the daemon's start-up leaves the environment.
-        const std::string record = "#!/bin/sh\necho \"$*|$ACTION|$LANG|$LC_COLLATE|$SHAREPATH|"
-                                   "$DEVPATH\" >> " +
-                                   std::string(hook_log) + "\n";
-        ASSERT_TRUE(write_file("/etc/scripts/usbmount_helper.sh", record));
-        ASSERT_TRUE(write_file(dir / "hook", record) && chmod((dir / "hook").c_str(), 0755) == 0);
-        // ntfs-3g's ntfslabel under the name of the appliance's NTFS label tool.
-        ASSERT_TRUE(write_file(dir / "ntfsvlabel", "#!/bin/sh\nexec ntfslabel \"$@\"\n") &&
-                    chmod((dir / "ntfsvlabel").c_str(), 0755) == 0);
-        setenv("PATH", (dir.path() + ":" + std::getenv("PATH")).c_str(), 1);
-        setenv("LANG", "en_US.UTF-8", 1);
-        setenv("LC_COLLATE", "C", 1);
-        setenv("SHAREPATH", "/tmp/share", 1);
-        setenv("DEVPATH", "/tmp/dev", 1);
-        ASSERT_EQ(mkdir("/tmp/dev", 0755) == 0 || errno == EEXIST, true);
-        // The disk's USB and SCSI attribute directories.
-        ASSERT_TRUE(run("cd " + dir.path() +
-                        " && mkdir usb scsi && cd usb && echo 0123456789AB "
-                        "> serial && echo 0781 > idVendor && echo 5567 > idProduct && echo 480 > "
-                        "speed && cd ../scsi && echo 'Acme    ' > vendor && echo Stick > model"));
-    }
-
-    void TearDown() override {
-        run("umount -q /tmp/share/* /tmp/mnt/* 2>/dev/null; rm -f /tmp/dev/* " +
-            std::string(hook_log));
-        sddb_free(ctx.devices);
-    }
-
-    // An image made by `make` (with IMG for its path) plugged as partition `partition` of sdb.
-    std::string plug(int partition, const std::string &make, bool read_only = false) {
-        const std::string image = dir / ("p" + std::to_string(partition) + ".img");
-        std::string command = make;
-        for (size_t at; (at = command.find("IMG")) != std::string::npos;)
-            command.replace(at, 3, kt_test::shell_quoted(image));
-        if (!run("(" + command + ") >/dev/null 2>&1"))
-            return "";
-        loops.push_back(
-            std::make_unique<kt_test::LoopDevice>(image, disk_minor + partition, read_only));
-        return loops.back()->device();
-    }
-
-    mntmg_record add_request(int partition) {
-        mntmg_record request{};
-        request.kind = MNTMG_KIND_ADD;
-        request.major = 7;
-        request.minor = static_cast<uint16_t>(disk_minor + partition);
-        put(request.usb_path, dir / "usb");
-        put(request.scsi_path, dir / "scsi");
-        put(request.block_path, "/sys/block/loop" + std::to_string(disk_minor + partition));
-        return request;
-    }
-
-    // The database's record named `name`, copied.
-    sddb_record find(const std::string &name) {
-        sddb_record found{};
-        ktmnglist *list = sddb_lock(ctx.devices);
-        for (ktmngiterator it = list->list->next; it != list->list; it = it->next) {
-            auto *r = static_cast<sddb_record *>(ktmngiterator_get_ptr(it));
-            if (name == r->node_name)
-                found = *r;
-        }
-        sddb_unlock(ctx.devices);
-        return found;
-    }
-};
 
 // Each kind of medium plugged in: what disktype and the label tools make of it, the name, the
 // mount and its options, the progress lines and the add script.
@@ -235,8 +127,7 @@ TEST_F(Engine, HotplugMountOfEachMedium) {
 
 // A node path already taken: only a block device may be there.
 TEST_F(Engine, NodePathMustBeFreeOrABlockDevice) {
-    KT_REQUIRE(!plug(12, "truncate -s 8M IMG && mke2fs -q -F -I 128 -t ext2 IMG").empty(),
-               "no loop device");
+    KT_REQUIRE(!plug_ext2(12).empty(), "no loop device");
     const mntmg_record request = add_request(12);
     const struct {
         std::string make; // puts something at /tmp/dev/sdb12 first
@@ -269,13 +160,8 @@ TEST_F(Engine, NodePathMustBeFreeOrABlockDevice) {
 // Mount errors with their place, the NTFS driver's line, unmounts and the event program's line,
 // as syslog receives them (a child with a /dev/log of its own).
 TEST_F(Engine, WhatIsLogged) {
-    const std::string held_dev = plug(12, "truncate -s 8M IMG && mke2fs -q -F -I 128 -t ext2 IMG");
-    KT_REQUIRE(!held_dev.empty() &&
-                   !plug(13,
-                         "truncate -s 8M IMG && mke2fs -q -F -I 128 -t "
-                         "ext2 IMG",
-                         true)
-                        .empty() &&
+    const std::string held_dev = plug_ext2(12);
+    KT_REQUIRE(!held_dev.empty() && !plug_ext2(13, true).empty() &&
                    !plug(14, "truncate -s 8M IMG").empty(),
                "no loop devices");
     ASSERT_TRUE(run("mkdir -p /tmp/mnt/held /tmp/mnt/ro && mknod /tmp/dev/sdb12 b 7 28 && mknod "
@@ -340,8 +226,7 @@ TEST_F(Engine, WhatIsLogged) {
 
 // disktype and the event program never ending: each is waited for up to its limit, then left.
 TEST_F(Engine, ToolsAndHooksThatNeverEnd) {
-    KT_REQUIRE(!plug(15, "truncate -s 8M IMG && mke2fs -q -F -I 128 -t ext2 IMG").empty(),
-               "no loop device");
+    KT_REQUIRE(!plug_ext2(15).empty(), "no loop device");
     const std::string pids = dir / "pids", stuck = dir / "stuck";
     ASSERT_TRUE(write_file(stuck, "#!/bin/sh\necho $$ >> " + pids + "\nexec sleep 60\n") &&
                 chmod(stuck.c_str(), 0755) == 0 &&
