@@ -6,7 +6,6 @@
 #include "mount/probe_text.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 namespace {
 
@@ -36,11 +35,6 @@ const char *script_word_of(int32_t kind) {
 
 // The helper's command lines are made in a buffer of this size; a longer one is cut.
 constexpr size_t command_size = 256;
-
-// The script's result is of no consequence: what it does is the appliance's business.
-void run_shell(const char *command) {
-    (void)!std::system(command);
-}
 
 } // namespace
 
@@ -80,7 +74,7 @@ int hook_add_script(const sddb_record *record, uint16_t minor) {
                       record->partition, fs, mount_point.c_str()) < 0)
         return -1;
     std::printf("cmd %s\n", command);
-    run_shell(command);
+    mount_engine::run_shell(command);
     return 0;
 }
 
@@ -92,7 +86,7 @@ int hook_remove_script(const sddb_record *record, uint16_t minor) {
     char command[command_size];
     std::snprintf(command, sizeof command, "sh /etc/scripts/usbmount_helper.sh remove %s %d", disk,
                   record->partition);
-    run_shell(command);
+    mount_engine::run_shell(command);
     std::printf("cmd %s\n", command);
     return 0;
 }

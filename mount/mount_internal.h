@@ -4,6 +4,7 @@
 
 #include "lib/proc.h"
 
+#include <cstdlib>
 #include <memory>
 #include <syslog.h>
 
@@ -18,6 +19,12 @@ struct free_process {
 };
 // A started outside program, freed (not waited for) when it goes.
 using process = std::unique_ptr<ktprocess, free_process>;
+
+// Runs a command line through the shell. What the appliance's scripts do, and whether they
+// manage, is theirs to care about: the result is not looked at.
+inline void run_shell(const char *command) {
+    (void)!std::system(command);
+}
 
 // The line before an error: the place it was raised, `function` at `line`.
 inline void log_place(const char *function, int line) {

@@ -18,6 +18,7 @@
 #include "mount/mount_thread.h"
 #include "mount/probe.h"
 #include "mount/probe_text.h"
+#include "mount/unmount.h"
 #include "registry/drivename.h"
 #include "registry/mntmg.h"
 #include "registry/records.h"
@@ -135,7 +136,9 @@ int main(void) {
     mount_thread_ctx ctx;
     memset(&ctx, 0, sizeof ctx);
     check(prepare_partition(&ctx, &device, NULL) == -1 && hotplug_mount(NULL, NULL) == -1 &&
-              is_mounted_at("/", "/") == 0 && umount_partition(NULL, 0) == -1,
+              is_mounted_at("/", "/") == 0 && umount_partition(NULL, 0) == -1 &&
+              umount_disk(&ctx, NULL, 1) == -1 && mark_devices_valid(NULL) == -1 &&
+              REPLY_SIZE == 128,
           "the mount engine refuses null");
     return failures == 0 ? 0 : 1;
 }
