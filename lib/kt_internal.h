@@ -81,6 +81,15 @@ inline bool to_int(const char *text, int32_t *value, const char **end = nullptr)
     return true;
 }
 
+// The daemon's run flag is a plain int in its records, shared by both threads and the Ctrl-C
+// handler; every access goes through these, so none is torn or reordered.
+inline int load_flag(const int *flag) {
+    return __atomic_load_n(flag, __ATOMIC_SEQ_CST);
+}
+inline void store_flag(int *flag, int value) {
+    __atomic_store_n(flag, value, __ATOMIC_SEQ_CST);
+}
+
 // Formats into a heap buffer of `initial` bytes that grows to exactly the length needed when
 // the text does not fit; null when formatting or allocation fails.
 __attribute__((format(printf, 2, 0))) heap_ptr<char>

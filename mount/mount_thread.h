@@ -30,6 +30,16 @@ typedef struct mount_thread_ctx {
     drive_letter_table *drive_letter_table;
 } mount_thread_ctx;
 
+/* Starts the mount thread on `ctx` (default attributes, the handle in ctx->thread), which runs
+ * mnt_thread_loop and stores its result. 0, or -1 when the context, its running flag, queue or
+ * database is null, or the thread cannot be made. */
+int mount_thread_run(mount_thread_ctx *ctx);
+
+/* Carries out queued requests one at a time in queue order until *ctx->running reads 0, then
+ * unmounts every partition (with the dirty-page guard, without replying). Returns 0, or -1 for
+ * a null context, run flag or queue. */
+int mnt_thread_loop(mount_thread_ctx *ctx);
+
 #ifdef __cplusplus
 }
 #endif
