@@ -6,6 +6,8 @@
 #include "config/ktcfg.h"
 #include "config/ktcfg_rom.h"
 #include "config/sysconf.h"
+#include "daemon/hotplugd.h"
+#include "daemon/receive.h"
 #include "lib/ktdaemon.h"
 #include "lib/ktipc.h"
 #include "lib/ktlist.h"
@@ -140,5 +142,10 @@ int main(void) {
               umount_disk(&ctx, NULL, 1) == -1 && mark_devices_valid(NULL) == -1 &&
               REPLY_SIZE == 128,
           "the mount engine refuses null");
+    check(mount_thread_run(&ctx) == -1 && mnt_thread_loop(NULL) == -1,
+          "the mount thread refuses null");
+    static hotplugd_context daemon;
+    check(receive_thread_run(&daemon.receive_args) == -1 && sizeof daemon.settings == 4496,
+          "receive_thread_run refuses a null flag");
     return failures == 0 ? 0 : 1;
 }

@@ -1,0 +1,191 @@
+// receive: the receive loop, the checks and stamps of mount requests, and the four queries.
+#include "daemon/receive.h"
+
+#include "lib/kt_internal.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <sys/time.h>
+#include <sys/wait.h>
+
+namespace {
+
+// Where a request carries its disk name ("sdb", "all"); a partition query has its partition
+// number there and the name one byte later. Only the first three characters of a name count.
+constexpr size_t name_offset = 4;
+constexpr size_t partition_name_offset = 5;
+constexpr size_t disk_name_length = 3;
+constexpr size_t disk_count = 26;
+constexpr int partition_count = 16;
+
+// The reply to a partition map query.
+struct partition_map {
+    uint32_t count;
+    uint8_t present[partition_count];
+    uint8_t mounted[partition_count];
+};
+static_assert(offsetof(partition_map, present) == 4 && offsetof(partition_map, mounted) == 20 &&
+              sizeof(partition_map) == 36);
+
+// The identifier of a client's disk name: every disk for "all", letter * 16 for "sd" and a
+// letter (only the third character is looked at: "sda1" is "sda"); false for anything else.
+bool client_disk(const char *name, uint16_t *minor) {
+    if (std::strcmp(name, "all") == 0) {
+        *minor = MNTMG_ALL_DEVICES;
+        return true;
+    }
+    const auto letter = static_cast<uint16_t>(name[2] - 'a');
+    if (name[0] != 's' || name[1] != 'd' || letter >= disk_count)
+        return false;
+    *minor = static_cast<uint16_t>(letter * 16);
+    return true;
+}
+
+// The record at `node` if clients may see it yet.
+sddb_record *visible(ktmngiterator node) {
+    sddb_record *record = sddb_record_at(node);
+    return record != nullptr && record->valid != 0 ? record : nullptr;
+}
+
+bool same_disk(const char *node_name, const char *disk) {
+    return std::strncmp(node_name, disk, disk_name_length) == 0;
+}
+
+// Answers a query with the database locked. Lists are built here and sent after unlocking;
+// record stretches are sent from the record itself, so before.
+void answer(const receive_thread_args &args, int32_t kind, const char *request, const sockaddr *to,
+            socklen_t to_length) {
+    ktmnglist *list = sddb_lock(args.devices);
+    if (list == nullptr)
+        return;
+    auto send = [&](const void *data, size_t size) {
+        ktipc_send_addr(args.ipc, data, size, to, to_length);
+    };
+    ktlist *head = list->list;
+    const char *disk = request + name_offset;
+
+    if (kind == RECEIVE_LIST_DISKS) {
+        char disks[disk_count][8] = {};
+        size_t listed = 0;
+        for (ktmngiterator node = head->next; node != head; node = node->next) {
+            const sddb_record *r = visible(node);
+            if (r == nullptr)
+                continue;
+            bool known = false;
+            for (size_t i = 0; !known && i < listed; ++i)
+                known = same_disk(disks[i], r->node_name);
+            if (!known && listed < disk_count)
+                std::memcpy(disks[listed++], r->node_name, strnlen(r->node_name, disk_name_length));
+        }
+        sddb_unlock(args.devices);
+        send(disks, listed * sizeof disks[0]);
+    } else if (kind == RECEIVE_PARTITION_MAP) {
+        partition_map map{};
+        for (ktmngiterator node = head->next; node != head; node = node->next) {
+            const sddb_record *r = visible(node);
+            if (r == nullptr || !same_disk(r->node_name, disk) || r->partition < 0 ||
+                r->partition >= partition_count || map.present[r->partition] != 0)
+                continue;
+            map.present[r->partition] = 1;
+            map.mounted[r->partition] = static_cast<uint8_t>(r->part_info.mounted);
+            ++map.count;
+        }
+        sddb_unlock(args.devices);
+        send(&map, sizeof map);
+    } else {
+        const auto partition = static_cast<uint8_t>(request[name_offset]);
+        if (kind == RECEIVE_PARTITION_INFO)
+            disk = request + partition_name_offset;
+        sddb_record *found = nullptr;
+        for (ktmngiterator node = head->next; found == nullptr && node != head; node = node->next)
+            if (sddb_record *r = visible(node);
+                r != nullptr && same_disk(r->node_name, disk) &&
+                (kind == RECEIVE_DISK_INFO || r->partition == partition))
+                found = r;
+        if (found != nullptr && kind == RECEIVE_DISK_INFO) {
+            send(&found->disk_info, sizeof found->disk_info);
+        } else if (found != nullptr) {
+            // An unmounted partition keeps the size it was probed with.
+            get_sdsize(found);
+            send(&found->part_info, sizeof found->part_info);
+        }
+        sddb_unlock(args.devices);
+        if (found == nullptr)
+            send(request, 0);
+    }
+}
+
+// A hotplug event or client command, stamped with the time it may be carried out and queued.
+void queue_request(const receive_thread_args &args, const char *buffer, int32_t kind,
+                   uint16_t minor, const sockaddr_un &sender, socklen_t sender_length) {
+    mntmg_record request;
+    std::memcpy(&request, buffer, sizeof request);
+    timeval now{};
+    if (gettimeofday(&now, nullptr) == 0) {
+        request.due_sec = static_cast<uint32_t>(now.tv_sec);
+        request.due_usec = static_cast<uint32_t>(now.tv_usec);
+    }
+    // Only a new device waits: it may still be settling when the hotplug event comes.
+    if (kind == MNTMG_KIND_ADD && args.settings != nullptr)
+        request.due_sec += args.settings->mount_delay;
+    if (kind == MNTMG_KIND_MOUNT || kind == MNTMG_KIND_UNMOUNT) {
+        std::memcpy(&request.reply_addr, &sender,
+                    std::min<size_t>(sender_length, sizeof request.reply_addr));
+        request.minor = minor;
+        request.reply_addr_len = sender_length;
+    }
+    mntmg_setdata(args.queue, &request);
+}
+
+} // namespace
+
+extern "C" {
+
+int receive_thread_run(receive_thread_args *args) {
+    // Without a channel nothing could ever arrive, and the loop would only spin.
+    if (args == nullptr || args->running == nullptr || args->ipc == nullptr)
+        return -1;
+    char buffer[RECEIVE_REQUEST_SIZE];
+    for (;;) {
+        if (kt::load_flag(args->running) == 0)
+            return 0;
+        // Children the engine left running past their time limits end up here, one a pass.
+        waitpid(-1, nullptr, WNOHANG);
+        // What a sender leaves out reads as zero.
+        std::memset(buffer, 0, sizeof buffer);
+        sockaddr_un sender{};
+        socklen_t sender_length = sizeof sender;
+        if (ktipc_receive(args->ipc, buffer, sizeof buffer, -1,
+                          reinterpret_cast<sockaddr *>(&sender), &sender_length) <= 0)
+            continue;
+        int32_t kind;
+        std::memcpy(&kind, buffer, sizeof kind);
+        uint16_t minor = 0;
+        switch (kind) {
+        case RECEIVE_LIST_DISKS:
+        case RECEIVE_DISK_INFO:
+        case RECEIVE_PARTITION_MAP:
+        case RECEIVE_PARTITION_INFO:
+            answer(*args, kind, buffer, reinterpret_cast<const sockaddr *>(&sender), sender_length);
+            break;
+        case RECEIVE_STOP:
+            kt::store_flag(args->running, 0);
+            return 0;
+        case MNTMG_KIND_MOUNT:
+        case MNTMG_KIND_UNMOUNT:
+            if (!client_disk(buffer + name_offset, &minor))
+                break;
+            [[fallthrough]];
+        case MNTMG_KIND_ADD:
+        case MNTMG_KIND_REMOVE:
+            queue_request(*args, buffer, kind, minor, sender, sender_length);
+            break;
+        default:
+            break;
+        }
+    }
+}
+
+} // extern "C"

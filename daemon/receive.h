@@ -1,0 +1,44 @@
+/* receive: the request server, the daemon's only input: queues mount requests, answers queries. */
+#ifndef DAEMON_RECEIVE_H
+#define DAEMON_RECEIVE_H
+
+#include "config/sysconf.h"
+#include "lib/ktipc.h"
+#include "registry/mntmg.h"
+#include "registry/sddb.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Request kinds beyond the mount requests of records.h. */
+enum {
+    RECEIVE_LIST_DISKS = 101,
+    RECEIVE_DISK_INFO = 102,
+    RECEIVE_PARTITION_MAP = 103,
+    RECEIVE_PARTITION_INFO = 104,
+    RECEIVE_STOP = 999,
+    /* A request datagram is read into a buffer this long; a longer one is cut. */
+    RECEIVE_REQUEST_SIZE = 1024
+};
+
+/* What the request server works with: copies of the daemon's pointers. */
+typedef struct receive_thread_args {
+    int *running;
+    const hotplugd_settings *settings;
+    ktipc *ipc;
+    mntmg *queue;
+    sddb *devices;
+} receive_thread_args;
+
+/* Receives datagrams on args->ipc until a stop request (kind 999) clears *args->running: kinds
+ * 1 to 4 are stamped with their due time and queued, client mounts and unmounts with the
+ * sender's address for the reply; the queries 101 to 104 are answered at once from the
+ * database. Other datagrams are dropped. 0 when stopped, -1 for a null `args` or run flag. */
+int receive_thread_run(receive_thread_args *args);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
