@@ -21,7 +21,7 @@ def count(path):
 
 
 def case_counts(report):
-    """The GoogleTest cases behind a CTest report, from the programs' own XML reports."""
+    """The cases behind a CTest report (GoogleTest and pytest), from the programs' own reports."""
     preset = report.stem.removeprefix("ctest-")
     build = Path("build" if preset == "default" else f"build-{preset}") / "test-results"
     totals = [0, 0, 0]
@@ -42,7 +42,7 @@ def main(argv):
         detail = ""
         if path.stem.startswith("ctest-"):
             cp, cf, cs = case_counts(path)
-            detail = f" (GoogleTest cases: {cp} passed, {cf} failed, {cs} skipped)"
+            detail = f" (cases: {cp} passed, {cf} failed, {cs} skipped)"
         print(f"{path.stem}: {p} passed, {f} failed, {s} skipped{detail}")
         totals = [totals[0] + p, totals[1] + f, totals[2] + s]
     print(f"{totals[0]} passed, {totals[1]} failed, {totals[2]} skipped")

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds every variant and runs every test; ends with one count line.
 #
-# Steps: native g++ build with its unit tests; clang build; clang ASan+UBSan and TSan builds
-# with their unit tests; the mipsel cross build with its unit tests under qemu-mipsel-static;
-# the pytest suite. A failing step does not stop the later ones; any failure fails the run.
+# Steps: native g++ build with its unit tests and the black-box suite of its daemon; clang
+# build; clang ASan+UBSan and TSan builds with their unit tests and the daemon's whole cycles;
+# the mipsel cross build with its unit tests under qemu-mipsel-static; the sandbox's own tests. A failing step does not stop the later ones; any failure fails the run.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -50,7 +50,8 @@ step "ThreadSanitizer (clang++)" cmake_variant tsan
 step "mipsel-linux-gnu under qemu" cmake_variant mipsel
 
 reports+=("$results/pytest.xml")
-step "pytest" /usr/bin/python3 -m pytest -q tests/integration --junitxml="$results/pytest.xml"
+step "pytest (the sandbox)" /usr/bin/python3 -m pytest -q -p no:cacheprovider \
+    tests/integration/test_sandbox.py --junitxml="$results/pytest.xml"
 
 host_after=$(tests/sandbox/host-state --loops)
 if [ "$host_before" != "$host_after" ]; then

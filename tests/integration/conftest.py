@@ -1,6 +1,19 @@
-"""Shared set-up of the black-box tests: paths of the repository, its build and the sandbox."""
+"""Shared set-up of the black-box tests: the sandbox, and a harness that runs the real daemon.
+
+Tests of the daemon run inside tests/sandbox/run (CTest starts them there: see
+tests/CMakeLists.txt). Each daemon gets a mount namespace of its own below the sandbox's, with a
+fresh /dev that holds the recording syslog socket at /dev/log; /tmp/share is shared with it, so
+its mounts show here too.
+"""
 import os
+import re
+import select
+import socket
+import struct
 import subprocess
+import threading
+import time
+import tty
 from pathlib import Path
 
 import pytest
@@ -9,13 +22,18 @@ ROOT = Path(__file__).resolve().parents[2]
 SANDBOX = ROOT / "tests" / "sandbox" / "run"
 HOST_STATE = ROOT / "tests" / "sandbox" / "host-state"
 BUILD = Path(os.environ.get("HOTPLUGD_BUILD_DIR", ROOT / "build"))
+HOTPLUGD = BUILD / "daemon" / "hotplugd"
 ON_CI = os.environ.get("CI") == "true"
+IN_SANDBOX = os.environ.get("HOTPLUGD_SANDBOX") == "1"
+SERVER = "/tmp/ktipc/ipc-hotplugd.sock"
+SHARE = "/tmp/share"
+CALLS = "/tmp/calls.log"
 
 
 def pytest_configure(config):
-    # The sandbox puts a fresh tmpfs on /tmp: files shared with sandboxed commands must live
-    # elsewhere, so the temporary directories go beside the build.
-    if not config.option.basetemp:
+    # Outside, the sandbox covers /tmp with a fresh tmpfs: files shared with sandboxed commands
+    # live beside the build. Inside, /tmp is the sandbox's own.
+    if not config.option.basetemp and not IN_SANDBOX:
         config.option.basetemp = str(ROOT / "build" / "pytest-tmp")
 
 
@@ -25,6 +43,13 @@ def need_root():
         if ON_CI:
             pytest.fail("this test needs root, and CI runs as root")
         pytest.skip("needs root")
+
+
+def need_sandbox():
+    if not IN_SANDBOX:
+        pytest.skip("runs inside tests/sandbox/run (ctest starts it there)")
+    if not HOTPLUGD.exists():
+        pytest.fail(f"{HOTPLUGD} is not built")
 
 
 def in_sandbox(*command, sandbox_args=(), **kwargs):
@@ -42,3 +67,299 @@ def host_state():
     yield before
     after = subprocess.run([str(HOST_STATE)], capture_output=True, text=True, check=True).stdout
     assert after == before, "the host changed during the test"
+
+
+def wait_for(predicate, timeout=10.0, step=0.05):
+    """The first true value of predicate() within `timeout` seconds, else the last one."""
+    end = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value or time.monotonic() > end:
+            return value
+        time.sleep(step)
+
+
+def write(path, text, mode=None):
+    Path(path).parent.mkdir(parents=True, exist_ok=True)
+    Path(path).write_text(text)
+    if mode is not None:
+        os.chmod(path, mode)
+
+
+# The appliance's scripts and hook program record each call, its arguments and the
+# environment it got, in one ordered log.
+RECORDER = ('#!/bin/sh\necho "{name} $*|$ACTION|$LANG|$LC_COLLATE|$SHAREPATH|$DEVPATH"'
+            f' >> {CALLS}\n')
+
+
+def settings(drvname="Drive-%D", dmount=0, tmpdir="/tmp/dev", extra=""):
+    """nas.conf with the recording hook program, and the fixed scripts recording too."""
+    Path(tmpdir).mkdir(parents=True, exist_ok=True)
+    write("/tmp/hook", RECORDER.format(name="prog"), 0o755)
+    write("/etc/scripts/usbmount_helper.sh", RECORDER.format(name="usbmount"))
+    write("/var/etc/kelto/hotplug_kill.sh", RECORDER.format(name="kill"), 0o755)
+    write("/var/etc/kelto/nas.conf", f"SHAREDIR={SHARE}\nTMPDIR={tmpdir}\nPROG=/tmp/hook\n"
+          f"DRVNAME={drvname}\nMNTGID=100\nDMOUNT={dmount}\nMAXPART=16\n{extra}")
+
+
+def calls():
+    """The recorded calls so far, one per line."""
+    return Path(CALLS).read_text().splitlines() if os.path.exists(CALLS) else []
+
+
+# Run in the daemon's own mount namespace: a fresh /dev with what programs need, the log
+# socket at /dev/log, the ROM device as asked, /proc/meminfo from a file, then the command.
+LAUNCH = r"""
+set -e
+old=$1 log=$2 rom=$3 meminfo=$4; shift 4
+mount --rbind /dev "$old"
+mount -t tmpfs -o mode=0755 hotplugd-dev /dev
+for n in null zero full random urandom tty; do touch /dev/$n; mount --bind "$old/$n" /dev/$n; done
+touch /dev/log; mount --bind "$log" /dev/log
+case $rom in
+    char) mknod /dev/kteeprom c 1 3 ;;
+    file) touch /dev/kteeprom ;;
+esac
+[ -z "$meminfo" ] || mount --bind "$meminfo" /proc/meminfo
+umount -l "$old"
+exec "$@"
+"""
+
+MESSAGE = re.compile(rb"<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?([^:\[]*)(?:\[\d+\])?: (.*)", re.S)
+
+
+class Daemon:
+    """hotplugd started in a namespace of its own, with its syslog, output and status caught.
+
+    `rom` is None (no /dev/kteeprom), "char" (a character device) or "file"; `user` runs it
+    through setpriv as that user; `meminfo` is the file it reads as /proc/meminfo."""
+
+    def __init__(self, work, *args, rom=None, user=None, meminfo=None, exe=None):
+        self.work = Path(work)
+        self.work.mkdir(parents=True, exist_ok=True)
+        self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        log_path = self.work / "log.sock"
+        self.log.bind(str(log_path))
+        os.chmod(log_path, 0o666)
+        self.messages = []
+        self.output = b""
+        master, slave = os.openpty()
+        tty.setraw(slave)
+        os.set_blocking(master, False)
+        self.pty = master
+        self.lock = threading.Lock()
+        self.closed = False
+        threading.Thread(target=self._collect, daemon=True).start()
+        (self.work / "olddev").mkdir(exist_ok=True)
+        # The sandbox's share directory (private to the sandbox) propagates to and from the
+        # daemon's namespace.
+        subprocess.run(["mount", "--make-shared", SHARE], check=True)
+        command = [str(exe or HOTPLUGD), *args]
+        if user:
+            command = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups",
+                       *command]
+        self.stderr = open(self.work / "stderr", "w+b")
+        self.proc = subprocess.Popen(
+            ["unshare", "--mount", "--propagation", "unchanged", "sh", "-c", LAUNCH, "launch",
+             str(self.work / "olddev"), str(log_path), rom or "", str(meminfo or ""), *command],
+            stdout=slave, stderr=self.stderr, stdin=subprocess.DEVNULL)
+        os.close(slave)
+
+    def _collect(self):
+        # The daemon blocks once ten log messages wait unread, or a pty's worth of output.
+        try:
+            while not self.closed:
+                select.select([self.log, self.pty], [], [], 0.2)
+                self._drain()
+        except (OSError, ValueError):  # closed meanwhile
+            pass
+
+    def _drain(self):
+        """Takes in every message and all output sent so far."""
+        with self.lock:
+            while True:
+                try:
+                    match = MESSAGE.match(self.log.recv(65536, socket.MSG_DONTWAIT))
+                except OSError:
+                    break
+                if match:
+                    self.messages.append((int(match[1]), match[2].decode(), match[3].decode()))
+            while True:
+                try:
+                    chunk = os.read(self.pty, 4096)
+                except OSError:
+                    break
+                if not chunk:
+                    break
+                self.output += chunk
+
+    def texts(self, ident="hotplug"):
+        """(priority, text) of each message of `ident` so far."""
+        self._drain()
+        return [(pri, text) for pri, who, text in self.messages if who == ident]
+
+    def lines(self):
+        self._drain()
+        return self.output.decode(errors="replace").splitlines()
+
+    def err(self):
+        self.stderr.seek(0)
+        return self.stderr.read().decode(errors="replace")
+
+    def ready(self, timeout=10):
+        assert wait_for(lambda: os.path.exists(SERVER) or self.proc.poll() is not None,
+                        timeout), "the daemon did not come up"
+        assert self.proc.poll() is None, self.err()
+        return self
+
+    def wait(self, timeout=15):
+        status = self.proc.wait(timeout)
+        assert "Sanitizer" not in self.err(), self.err()
+        return status
+
+    def stop(self):
+        """Stops it with `hotplugd -k` and waits out the grace period; the status."""
+        if self.proc.poll() is None:
+            subprocess.run([str(HOTPLUGD), "-k"], check=True, timeout=10)
+        return self.wait()
+
+    def close(self):
+        self.closed = True
+        if self.proc.poll() is None:
+            self.proc.kill()
+            self.proc.wait()
+        subprocess.run(f"umount -q -l {SHARE}/* 2>/dev/null", shell=True)
+        self.log.close()
+        os.close(self.pty)
+
+
+@pytest.fixture
+def start(tmp_path):
+    """start(*args, **options): a running Daemon (see Daemon), stopped and cleaned up after."""
+    started = []
+
+    def starter(*args, wait=True, **options):
+        daemon = Daemon(tmp_path / f"daemon{len(started)}", *args, **options)
+        started.append(daemon)
+        return daemon.ready() if wait else daemon
+
+    yield starter
+    for daemon in started:
+        daemon.close()
+    try:  # one that detached
+        pid = int(Path("/var/run/hotplugd.pid").read_text())
+        if Path(f"/proc/{pid}/comm").read_text() == "hotplugd\n":
+            os.kill(pid, 9)
+    except (OSError, ValueError):
+        pass
+    for path in [SERVER, CALLS, "/var/run/hotplugd.pid"]:
+        if os.path.exists(path):
+            os.unlink(path)
+
+
+class Client:
+    """A bound client channel: requests go to the daemon, replies come back here."""
+
+    count = 0
+
+    def __init__(self):
+        Client.count += 1
+        self.path = f"/tmp/ktipc/client-{os.getpid()}-{Client.count}.sock"
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind(self.path)
+
+    def send(self, data):
+        self.sock.sendto(data, SERVER)
+
+    def ask(self, data, timeout=5.0):
+        """Sends `data`; the reply, or None when none came in time."""
+        self.send(data)
+        return self.reply(timeout)
+
+    def reply(self, timeout=5.0):
+        self.sock.settimeout(timeout)
+        try:
+            return self.sock.recv(65536)
+        except socket.timeout:
+            return None
+
+    def close(self):
+        self.sock.close()
+        os.unlink(self.path)
+
+
+@pytest.fixture
+def client():
+    c = Client()
+    yield c
+    c.close()
+
+
+def request(kind, name=b"", minor=0, major=0, usb="", scsi="", block="", extra=(0, 0, 0)):
+    """A request datagram: a client's (kind and name) or a hotplug event's full 416 bytes."""
+    if kind not in (1, 2):
+        return struct.pack("<i", kind) + name
+    return struct.pack("<iHH4x128s128s128sIII8x", kind, major, minor, usb.encode(),
+                       scsi.encode(), block.encode(), *extra)
+
+
+class LoopDisk:
+    """Images attached as partitions of the disk "sd" + letter: partition p is
+    /dev/loop(16 * index + p), so the daemon names it after the request's minor. USB and SCSI
+    attribute directories describe the disk."""
+
+    def __init__(self, work, letter, serial="", vendor="Acme", model="Stick"):
+        self.index = ord(letter) - ord("a")
+        self.name = "sd" + letter
+        self.work = Path(work)
+        self.loops = []
+        self.usb = self.work / f"usb-{letter}"
+        self.scsi = self.work / f"scsi-{letter}"
+        for directory, attributes in [
+                (self.usb, {"serial": serial, "idVendor": "0781", "idProduct": "5567",
+                            "manufacturer": "SanDisk", "product": "Cruzer", "speed": "480"}),
+                (self.scsi, {"vendor": vendor, "model": model})]:
+            directory.mkdir(parents=True)
+            for attribute, value in attributes.items():
+                (directory / attribute).write_text(value + "\n")
+
+    def minor(self, partition):
+        return 16 * self.index + partition
+
+    def plug(self, partition, make="mke2fs -q -F -I 128 -t ext2 IMG", size="8M"):
+        """Makes an image with `make` (IMG for its path) and attaches it as `partition`."""
+        image = self.work / f"{self.name}{partition}.img"
+        subprocess.run(f"truncate -s {size} {image} && " + make.replace("IMG", str(image)),
+                       shell=True, check=True, capture_output=True)
+        number = self.minor(partition)
+        made = not os.path.exists(f"/sys/block/loop{number}")
+        subprocess.run(["losetup", f"/dev/loop{number}", str(image)], check=True)
+        self.loops.append((number, made))
+
+    def event(self, kind, partition, major=7):
+        number = self.minor(partition)
+        return request(kind, minor=number, major=major, usb=str(self.usb), scsi=str(self.scsi),
+                       block=f"/sys/block/loop{number}", extra=(1, 2, 3))
+
+    def close(self):
+        for number, made in self.loops:
+            subprocess.run(["losetup", "-d", f"/dev/loop{number}"], capture_output=True)
+            if made:  # LOOP_CTL_REMOVE: the host keeps only the loop devices it had
+                subprocess.run(["python3", "-c", "import fcntl, os; fcntl.ioctl(os.open("
+                                "'/dev/loop-control', os.O_RDWR), 0x4C81, " + str(number) + ")"],
+                               capture_output=True)
+
+
+@pytest.fixture
+def disks(tmp_path):
+    """disks(letter, **attributes): a LoopDisk, detached after the test."""
+    made = []
+
+    def maker(letter, **attributes):
+        made.append(LoopDisk(tmp_path / "disks", letter, **attributes))
+        return made[-1]
+
+    yield maker
+    subprocess.run(f"umount -q -l {SHARE}/* 2>/dev/null", shell=True)
+    for disk in made:
+        disk.close()

@@ -1,0 +1,103 @@
+"""hotplugd's command line and lifecycle: help, options, the ROM and root checks, the pid file,
+a second instance, bad settings, detaching, Ctrl-C and the stop client."""
+import os
+import shutil
+import signal
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from conftest import HOTPLUGD, SERVER, need_sandbox, settings, wait_for
+
+HELP = ("Usage:{} {{option}}\n\noption:\n       -h  show this help.\n\n"
+        "       -D  run daemon.\n       -w  write rom.\n       -f  fixed drive.\n"
+        "       -s  disable force select mount.\n       -k  kill daemon.\n")
+PID_FILE = "/var/run/hotplugd.pid"
+INFO_USER, ERR_USER, ERR_DAEMON = 14, 11, 27  # before and after openlog(LOG_DAEMON)
+
+
+@pytest.fixture(autouse=True)
+def sandboxed():
+    need_sandbox()
+    settings()
+
+
+def run(*args):
+    r = subprocess.run([str(HOTPLUGD), *args], capture_output=True, text=True, timeout=10)
+    return r.returncode, r.stdout, r.stderr
+
+
+def test_help_and_the_stop_client_alone():
+    for args in (["-h"], ["-h", "-k"], ["-F", "-x", "-h"]):
+        assert run(*args)[0:2] == (0, HELP.format(HOTPLUGD)), args
+    # -k ends the parsing: no help. With no daemon the send fails, which counts as success.
+    assert run("-k", "-h") == (0, "", "")
+
+
+def test_rom_check_comes_before_the_root_check(start, tmp_path):
+    # Run as nobody from a copy it may execute: the ROM check fails it first.
+    exe = Path("/tmp/bin/hotplugd")
+    exe.parent.mkdir(exist_ok=True)
+    shutil.copy(HOTPLUGD, exe)
+    for rom in (None, "file"):
+        d = start("-w", rom=rom, user="65534", exe=exe, wait=False)
+        assert d.wait() == 255
+        assert (d.err(), d.lines(), d.texts("hotplugd")) == ("ROM device is not found.\n", [], [])
+    d = start("-f", rom="char", user="65534", exe=exe, wait=False)
+    assert d.wait() == 255
+    assert d.lines() == ["no root permission."]
+    assert d.err() == f"Error - exit process.({exe}:-1)\n"
+    # Without -w this is logged first, under the default identity, the log not yet opened.
+    assert d.texts("hotplugd") == [(INFO_USER, "disable write rom conf.\n"),
+                                   (ERR_USER, "exit process.(-1)\n")]
+    assert not os.path.exists(PID_FILE)
+
+
+def test_second_instance_and_missing_setting(start):
+    first = start("-s")
+    assert "invalid option -- 's'" in first.err(), "-s is refused by getopt, and ignored"
+    assert int(Path(PID_FILE).read_text()) == first.proc.pid
+    second = start(wait=False)
+    began = time.monotonic()
+    assert first.stop() == 255
+    assert second.wait() == 255
+    assert time.monotonic() - began >= 4.0
+    assert second.texts()[-1] == (ERR_DAEMON, "exit process.(-3)\n")
+    assert second.err().endswith("Error - exit process.(%s:-3)\n" % HOTPLUGD)
+    assert first.texts()[-1] == (ERR_DAEMON, "exit process.(-1)\n")
+    assert not os.path.exists(SERVER)
+    assert Path(PID_FILE).exists(), "the pid file under /var/run stays"
+
+    Path("/var/etc/kelto/nas.conf").write_text("SHAREDIR=/tmp/share\nTMPDIR=/tmp\nDRVNAME=x\n")
+    third = start(wait=False)
+    assert third.wait() == 255
+    assert third.texts()[-1] == (ERR_DAEMON, "exit process.(-3)\n")
+
+
+def test_detaching_and_stopping(start):
+    d = start("-F", "-D", wait=False)
+    assert d.proc.wait(5) == 0, "the caller sees status 0 at once"
+    assert wait_for(lambda: os.path.exists(SERVER))
+    pid = int(Path(PID_FILE).read_text())
+    assert os.getsid(pid) != pid, "no session leader"
+    assert os.readlink(f"/proc/{pid}/cwd") == "/"
+    assert run("-k") == (0, "", "")
+    assert wait_for(lambda: not os.path.exists(f"/proc/{pid}"), 8)
+    assert d.texts()[-1] == (ERR_DAEMON, "exit process.(-1)\n")
+    assert not os.path.exists(SERVER)
+
+
+def test_ctrl_c(start, tmp_path):
+    meminfo = tmp_path / "meminfo"
+    meminfo.write_text("Dirty: 0 kB\n")
+    d = start(meminfo=meminfo)
+    began = time.monotonic()
+    d.proc.send_signal(signal.SIGINT)
+    assert d.wait() == 0
+    assert time.monotonic() - began >= 4.0
+    assert b"\nCtrl + 'c'\n\n" in d.output
+    # The mount thread unmounts everything within the grace period.
+    assert "dirty page cleared" in d.lines()
+    assert not os.path.exists(SERVER)
