@@ -2,13 +2,13 @@
 #include "daemon/receive.h"
 
 #include "lib/kt_internal.h"
+#include "mount/mount_thread.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <sys/time.h>
-#include <sys/wait.h>
 
 namespace {
 
@@ -151,8 +151,11 @@ int receive_thread_run(receive_thread_args *args) {
     for (;;) {
         if (kt::load_flag(args->running) == 0)
             return 0;
-        // Children the engine left running past their time limits end up here, one a pass.
-        waitpid(-1, nullptr, WNOHANG);
+        // Children the engine left running past their time limits end up here, one a pass,
+        // but not while the engine waits for one of its own: reaping it here would take its
+        // exit status from the engine, which then thinks it failed (a burst of datagrams during
+        // probing made disks unrecognised).
+        mount_reap_child();
         // What a sender leaves out reads as zero.
         std::memset(buffer, 0, sizeof buffer);
         sockaddr_un sender{};

@@ -45,6 +45,7 @@ int callprog(const char *prog, int action) {
         return -1;
     const char *word = action_words[action];
     // ACTION stays set afterwards, so the scripts that the engine runs later see it too.
+    mount_engine::waited_child child;
     mount_engine::process proc;
     if (setenv("ACTION", word, 1) == 0)
         proc.reset(proc_create(PROC_STDERR_NULL, "%s", prog));

@@ -20,9 +20,20 @@ struct free_process {
 // A started outside program, freed (not waited for) when it goes.
 using process = std::unique_ptr<ktprocess, free_process>;
 
+// Held while the engine starts an outside program and waits for it: meanwhile no other thread
+// reaps children (see mount_reap_child). Taken before the child exists.
+class waited_child {
+  public:
+    waited_child();
+    ~waited_child();
+    waited_child(const waited_child &) = delete;
+    waited_child &operator=(const waited_child &) = delete;
+};
+
 // Runs a command line through the shell. What the appliance's scripts do, and whether they
 // manage, is theirs to care about: the result is not looked at.
 inline void run_shell(const char *command) {
+    waited_child child;
     (void)!std::system(command);
 }
 

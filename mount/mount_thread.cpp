@@ -4,15 +4,22 @@
 #include "lib/kt_internal.h"
 #include "mount/fsmount.h"
 #include "mount/hooks.h"
+#include "mount/mount_internal.h"
 #include "mount/unmount.h"
 
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
+
+// How many outside programs the engine is waiting for, and the lock that also covers the other
+// threads' reaping, so that none reaps while the engine has a child.
+pthread_mutex_t children_lock = PTHREAD_MUTEX_INITIALIZER;
+int children_waited;
 
 // What happened since the queue was last idle.
 enum batch_flags : unsigned { batch_mounted = 1, batch_unmounted = 2 };
@@ -54,7 +61,26 @@ void *thread_start(void *arg) {
 
 } // namespace
 
+mount_engine::waited_child::waited_child() {
+    pthread_mutex_lock(&children_lock);
+    ++children_waited;
+    pthread_mutex_unlock(&children_lock);
+}
+
+mount_engine::waited_child::~waited_child() {
+    pthread_mutex_lock(&children_lock);
+    --children_waited;
+    pthread_mutex_unlock(&children_lock);
+}
+
 extern "C" {
+
+int mount_reap_child(void) {
+    pthread_mutex_lock(&children_lock);
+    int reaped = children_waited == 0 ? waitpid(-1, nullptr, WNOHANG) : 0;
+    pthread_mutex_unlock(&children_lock);
+    return reaped;
+}
 
 int mount_thread_run(mount_thread_ctx *ctx) {
     if (ctx == nullptr || ctx->running == nullptr || ctx->queue == nullptr ||

@@ -30,6 +30,12 @@ typedef struct mount_thread_ctx {
     drive_letter_table *drive_letter_table;
 } mount_thread_ctx;
 
+/* Reaps one ended child of the daemon that nobody waits for (a program the engine left running
+ * past its time limit), as the request server does once a pass; but not while the mount thread
+ * runs an outside program and waits for it, whose exit status the reaping would steal.
+ * waitpid's result, or 0 when it did not look. Any thread. */
+int mount_reap_child(void);
+
 /* Starts the mount thread on `ctx` (default attributes, the handle in ctx->thread), which runs
  * mnt_thread_loop and stores its result. 0, or -1 when the context, its running flag, queue or
  * database is null, or the thread cannot be made. */

@@ -26,8 +26,9 @@ constexpr size_t initial_line_size = 256;
 // A label tool's output is read up to this; the label keeps one byte less.
 constexpr int32_t label_read_size = 128;
 
-// Waits for a probing tool the caller started: the process once it ended in time with status 0
-// (its output is then all in the pipe), else null.
+// Waits for a probing tool the caller started (holding a waited_child since before the start):
+// the process once it ended in time with status 0 (its output is then all in the pipe), else
+// null.
 process finished(ktprocess *started) {
     process proc(started);
     unsigned int limit = PROBE_TOOL_LIMIT_MS;
@@ -82,6 +83,7 @@ int32_t probe_kind(const char *node_path) {
     kt::heap_ptr<char> line(static_cast<char *>(std::malloc(size)));
     if (line == nullptr)
         return FSTYPE_UNKNOWN;
+    mount_engine::waited_child child;
     process proc = finished(proc_create(tool_flags, "disktype %s", node_path));
     probe_scan scan{};
     while (proc != nullptr && next_line(proc.get(), line, size))
@@ -94,6 +96,7 @@ int32_t probe_kind(const char *node_path) {
 // the appliance's tools print nothing else.
 void read_label(int32_t kind, const char *node_path,
                 char (&label)[sizeof(sddb_part_info::volume_label)]) {
+    mount_engine::waited_child child;
     process proc;
     if (kind == FSTYPE_FAT || kind == FSTYPE_FAT32)
         proc = finished(proc_create(tool_flags, "mlabel -i %s -s ::", node_path));
@@ -142,6 +145,7 @@ int prepare_partition(mount_thread_ctx *ctx, sddb_record *record, const mntmg_re
     get_sysscsidata(scsi_path.c_str(), &record->disk_info);
     get_sysblockdata(block_path.c_str(), &record->disk_info, &part);
 
+    mount_engine::waited_child rom_store; // which archives with a child of its own
     if (get_drivename(ctx->drive_letter_table, &settings, record, ctx->write_rom,
                       ctx->fixed_drive) != 0)
         return -1;
