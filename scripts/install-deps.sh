@@ -8,7 +8,7 @@ packages=(
   python3 python3-pytest
   g++-mipsel-linux-gnu qemu-user-static
   util-linux mount fdisk e2fsprogs dosfstools mtools disktype ntfs-3g tar
-  fuse3 libfuse3-dev pkg-config file
+  file
 )
 
 missing=()

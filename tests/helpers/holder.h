@@ -8,6 +8,13 @@
 
 namespace kt_test {
 
+// Kills a holder and reaps it, which lets go of whatever it held. A failed start's -1 is
+// ignored: kill(-1) would end every process there is.
+inline void stop_holder(pid_t pid) {
+    if (pid > 0 && kill(pid, SIGKILL) == 0)
+        waitpid(pid, nullptr, 0);
+}
+
 // Forks a child that calls `take` and, if it returns true, waits to be killed. The child's pid
 // once it holds, or -1 when `take` failed (the child is then gone).
 template <typename Take> pid_t start_holder(Take take) {
@@ -16,7 +23,6 @@ template <typename Take> pid_t start_holder(Take take) {
         return -1;
     pid_t pid = fork();
     if (pid == 0) {
-        close(ready[0]);
         char ok = take() ? '1' : '0';
         (void)!write(ready[1], &ok, 1);
         pause();
@@ -25,18 +31,11 @@ template <typename Take> pid_t start_holder(Take take) {
     close(ready[1]);
     char ok = 0;
     if (pid > 0 && (read(ready[0], &ok, 1) != 1 || ok != '1')) {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        stop_holder(pid);
         pid = -1;
     }
     close(ready[0]);
     return pid;
-}
-
-// Kills a holder and reaps it, which lets go of whatever it held.
-inline void stop_holder(pid_t pid) {
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
 }
 
 } // namespace kt_test

@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <ftw.h>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -26,8 +26,11 @@ class scratch_dir {
             path_ = name;
     }
     ~scratch_dir() {
+        auto remove = [](const char *path, const struct stat *, int, FTW *) {
+            return std::remove(path), 0;
+        };
         if (!path_.empty())
-            nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+            nftw(path_.c_str(), remove, 16, FTW_DEPTH | FTW_PHYS);
     }
     scratch_dir(const scratch_dir &) = delete;
     scratch_dir &operator=(const scratch_dir &) = delete;
@@ -37,18 +40,12 @@ class scratch_dir {
     std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
 
   private:
-    static int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
-        std::remove(path);
-        return 0;
-    }
     std::string path_;
 };
 
 inline std::string read_file(const std::string &path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream content;
-    content << in.rdbuf();
-    return content.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 inline bool write_file(const std::string &path, std::string_view content) {
@@ -60,17 +57,13 @@ inline bool write_file(const std::string &path, std::string_view content) {
 // Runs a shell command of the host (natively, also from a test under qemu-user); true when it
 // exits 0. Its standard output goes to `output` when given.
 inline bool run(const std::string &command, std::string *output = nullptr) {
-    FILE *pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr)
-        return false;
     std::string text;
-    char chunk[256];
-    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;)
+    FILE *pipe = popen(command.c_str(), "r");
+    for (char chunk[256]; size_t n = pipe ? std::fread(chunk, 1, sizeof chunk, pipe) : 0;)
         text.append(chunk, n);
-    int status = pclose(pipe);
     if (output != nullptr)
         *output = text;
-    return status == 0;
+    return pipe != nullptr && pclose(pipe) == 0;
 }
 
 // Whether the program runs inside tests/sandbox/run, whose fixed paths and /tmp are fresh tmpfs.

@@ -3,6 +3,5 @@
 
 int main(int argc, char **argv) {
     for (int i = 1; i < argc; ++i)
-        printf("%s\n", argv[i]);
-    return 0;
+        puts(argv[i]);
 }

@@ -1,114 +1,46 @@
-// Tests of ktmnglist: owned copies, the iterator's size reporting, and freeing.
+// Tests of ktmnglist: private copies, the iterator's size report, on_free and null arguments.
 #include "lib/ktmnglist.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cstring>
 #include <vector>
 
 namespace {
 
-using Record = std::array<unsigned char, 416>;
+std::vector<int> freed; // the first byte of each copy handed to on_free
 
-Record record_of(unsigned char fill) {
-    Record r;
-    r.fill(fill);
-    return r;
-}
-
-std::vector<void *> freed;
-void remember_free(void *buffer) {
-    freed.push_back(buffer);
-}
-
-struct MngListTest : ::testing::Test {
-    ktmnglist *mlist = ktmnglist_create(nullptr);
-    ~MngListTest() override { ktmnglist_free(mlist); }
-};
-
-TEST_F(MngListTest, InsertKeepsAnIndependentCopy) {
-    Record caller = record_of(0x11);
-    ktmngiterator node = ktmnglist_insert(mlist, mlist->list, caller.data(), caller.size());
-    ASSERT_NE(node, nullptr);
-    caller.fill(0x22);
-
-    Record out = record_of(0);
-    EXPECT_EQ(ktmngiterator_get_data(node, out.data(), out.size()), 416);
-    EXPECT_EQ(out, record_of(0x11));
-    EXPECT_NE(ktmngiterator_get_ptr(node), caller.data());
-    EXPECT_EQ(ktmnglist_length(mlist), 1u);
-    EXPECT_EQ(ktlist_count(mlist->list), 1u);
-}
-
-TEST_F(MngListTest, GetDataCopiesAtMostOutsizeButReportsFullSize) {
-    unsigned char small[] = {1, 2, 3, 4, 5, 6, 7, 8};
-    ktmngiterator node = ktmnglist_insert(mlist, mlist->list, small, sizeof small);
-    unsigned char out[8] = {};
-    EXPECT_EQ(ktmngiterator_get_data(node, out, 3), 8);
-    EXPECT_EQ(std::memcmp(out, small, 3), 0);
-    EXPECT_EQ(out[3], 0) << "nothing beyond outsize is written";
-    EXPECT_EQ(ktmngiterator_get_data(node, out, 0), 0);
-
-    Record big = record_of(0);
-    EXPECT_EQ(ktmngiterator_get_data(node, big.data(), big.size()), 8) << "shorter element";
-    EXPECT_EQ(ktmngiterator_get_data(nullptr, out, 8), -1);
-    EXPECT_EQ(ktmngiterator_get_data(node, nullptr, 8), -1);
-}
-
-TEST_F(MngListTest, PtrAllowsChangesInPlace) {
-    Record r = record_of(0);
-    ktmngiterator node = ktmnglist_insert(mlist, mlist->list, r.data(), r.size());
-    static_cast<unsigned char *>(ktmngiterator_get_ptr(node))[0] = 0x7f;
-    Record out;
-    ktmngiterator_get_data(node, out.data(), out.size());
-    EXPECT_EQ(out[0], 0x7f);
-}
-
-TEST_F(MngListTest, InsertBeforePositionKeepsOrder) {
-    for (unsigned char v : {1, 3}) {
-        Record r = record_of(v);
-        ktmnglist_insert(mlist, mlist->list, r.data(), r.size());
+TEST(MngList, CopiesSizesFreeingAndNullArguments) {
+    ktmnglist *mlist =
+        ktmnglist_create([](void *buffer) { freed.push_back(*static_cast<uint8_t *>(buffer)); });
+    std::array<unsigned char, 416> one, two, three, out;
+    one.fill(1), two.fill(2), three.fill(3);
+    ktmngiterator first = ktmnglist_insert(mlist, mlist->list, one.data(), one.size());
+    ktmngiterator last = ktmnglist_insert(mlist, mlist->list, three.data(), three.size());
+    ktmngiterator second = ktmnglist_insert(mlist, last, two.data(), 8);
+    one.fill(9);                              // the caller's record is not the list's copy
+    std::vector<std::array<int64_t, 3>> seen; // size reported, last byte copied, first in place
+    for (ktmngiterator it = mlist->list->next; it != mlist->list; it = it->next) {
+        int64_t n = ktmngiterator_get_data(it, out.data(), out.size());
+        seen.push_back({n, out.at(n - 1), *static_cast<uint8_t *>(ktmngiterator_get_ptr(it))});
     }
-    Record two = record_of(2);
-    ktmnglist_insert(mlist, mlist->list->next->next, two.data(), two.size());
-    std::vector<unsigned char> order;
-    for (ktmngiterator it = mlist->list->next; it != mlist->list; it = it->next)
-        order.push_back(static_cast<unsigned char *>(ktmngiterator_get_ptr(it))[0]);
-    EXPECT_EQ(order, (std::vector<unsigned char>{1, 2, 3}));
-}
+    EXPECT_EQ(seen, (std::vector<std::array<int64_t, 3>>{{416, 1, 1}, {8, 2, 2}, {416, 3, 3}}));
+    EXPECT_EQ(ktmngiterator_get_data(first, out.data(), 3), 416) << "a short buffer: 3 copied";
+    EXPECT_TRUE(out[2] == 1 && out[3] == 3 && ktmngiterator_get_data(first, out.data(), 0) == 0);
 
-TEST(MngList, EraseCallsOnFreeAndReturnsFollower) {
-    freed.clear();
-    ktmnglist *mlist = ktmnglist_create(remember_free);
-    int a = 1, b = 2;
-    ktmngiterator first = ktmnglist_insert(mlist, mlist->list, &a, sizeof a);
-    ktmngiterator second = ktmnglist_insert(mlist, mlist->list, &b, sizeof b);
-    void *first_buffer = ktmngiterator_get_ptr(first);
     EXPECT_EQ(ktmnglist_erase(mlist, first), second);
-    EXPECT_EQ(freed, std::vector<void *>{first_buffer});
-    EXPECT_EQ(ktmnglist_erase(mlist, second), mlist->list);
-    EXPECT_EQ(ktmnglist_erase(mlist, mlist->list), nullptr) << "the head is no element";
-
-    ktmnglist_insert(mlist, mlist->list, &a, sizeof a);
-    ktmnglist_insert(mlist, mlist->list, &b, sizeof b);
+    EXPECT_TRUE(freed == std::vector<int>{1} && ktmnglist_length(mlist) == 2);
+    EXPECT_EQ(ktmnglist_erase(mlist, last), mlist->list) << "the head after the last";
+    ktmngiterator bare = ktlist_insert(mlist->list, mlist->list, nullptr); // holds no element
+    EXPECT_TRUE(ktmngiterator_get_data(bare, &out, 1) == -1 && !ktmngiterator_get_ptr(bare));
+    EXPECT_TRUE(!ktmnglist_erase(nullptr, second) && !ktmnglist_erase(mlist, nullptr) &&
+                !ktmngiterator_get_ptr(nullptr) && !ktmnglist_erase(mlist, mlist->list));
+    EXPECT_TRUE(ktmngiterator_get_data(nullptr, &out, 1) == -1 &&
+                ktmngiterator_get_data(second, nullptr, 1) == -1 && !ktmnglist_length(nullptr));
     ktmnglist_clear(mlist);
-    EXPECT_EQ(freed.size(), 4u);
-    EXPECT_EQ(ktmnglist_length(mlist), 0u);
-    ktmnglist_free(mlist);
-}
-
-TEST(MngList, NullArgumentsAndFailedInsertLeaveListUnchanged) {
-    ktmnglist *mlist = ktmnglist_create(nullptr);
-    int v = 5;
-    EXPECT_EQ(ktmnglist_insert(nullptr, mlist->list, &v, sizeof v), nullptr);
-    EXPECT_EQ(ktmnglist_insert(mlist, nullptr, &v, sizeof v), nullptr);
-    EXPECT_EQ(ktmnglist_insert(mlist, mlist->list, nullptr, sizeof v), nullptr);
-    EXPECT_EQ(ktmnglist_length(mlist), 0u);
-    EXPECT_EQ(ktmnglist_erase(nullptr, mlist->list), nullptr);
-    EXPECT_EQ(ktmnglist_erase(mlist, nullptr), nullptr);
-    EXPECT_EQ(ktmngiterator_get_ptr(nullptr), nullptr);
-    ktmnglist_clear(nullptr);
+    EXPECT_EQ(freed, (std::vector<int>{1, 3, 2})) << "the bare node is erased without a call";
+    EXPECT_TRUE(!ktmnglist_insert(nullptr, mlist->list, &out, 1) &&
+                !ktmnglist_insert(mlist, mlist->list, nullptr, 1));
     ktmnglist_free(nullptr);
     ktmnglist_free(mlist);
 }
