@@ -5,6 +5,7 @@ tests/CMakeLists.txt). Each daemon gets a mount namespace of its own below the s
 fresh /dev that holds the recording syslog socket at /dev/log; /tmp/share is shared with it, so
 its mounts show here too.
 """
+import fcntl
 import os
 import re
 import select
@@ -117,7 +118,8 @@ mount -t tmpfs -o mode=0755 hotplugd-dev /dev
 for n in null zero full random urandom tty; do touch /dev/$n; mount --bind "$old/$n" /dev/$n; done
 touch /dev/log; mount --bind "$log" /dev/log
 case $rom in
-    char) mknod /dev/kteeprom c 1 3 ;;
+    null) mknod /dev/kteeprom c 1 3 ;;  # takes the archive, refuses driver requests
+    full) mknod /dev/kteeprom c 1 7 ;;  # refuses the archive
     file) touch /dev/kteeprom ;;
 esac
 [ -z "$meminfo" ] || mount --bind "$meminfo" /proc/meminfo
@@ -131,10 +133,11 @@ MESSAGE = re.compile(rb"<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?([^:\[]*)(?:\[\
 class Daemon:
     """hotplugd started in a namespace of its own, with its syslog, output and status caught.
 
-    `rom` is None (no /dev/kteeprom), "char" (a character device) or "file"; `user` runs it
-    through setpriv as that user; `meminfo` is the file it reads as /proc/meminfo."""
+    `rom` is None (no /dev/kteeprom), "null", "full" (character devices) or "file"; `user`
+    runs it through setpriv as that user; `meminfo` is the file it reads as /proc/meminfo;
+    `path` goes before its PATH."""
 
-    def __init__(self, work, *args, rom=None, user=None, meminfo=None, exe=None):
+    def __init__(self, work, *args, rom=None, user=None, meminfo=None, exe=None, path=None):
         self.work = Path(work)
         self.work.mkdir(parents=True, exist_ok=True)
         self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -162,7 +165,8 @@ class Daemon:
         self.proc = subprocess.Popen(
             ["unshare", "--mount", "--propagation", "unchanged", "sh", "-c", LAUNCH, "launch",
              str(self.work / "olddev"), str(log_path), rom or "", str(meminfo or ""), *command],
-            stdout=slave, stderr=self.stderr, stdin=subprocess.DEVNULL)
+            stdout=slave, stderr=self.stderr, stdin=subprocess.DEVNULL,
+            env=dict(os.environ, PATH=f"{path}:{os.environ['PATH']}") if path else None)
         os.close(slave)
 
     def _collect(self):
@@ -224,10 +228,14 @@ class Daemon:
         return self.wait()
 
     def close(self):
+        if self.closed:
+            return
         self.closed = True
         if self.proc.poll() is None:
             self.proc.kill()
             self.proc.wait()
+            if os.path.exists(SERVER):  # left by the killed daemon: the next one is not up yet
+                os.unlink(SERVER)
         subprocess.run(f"umount -q -l {SHARE}/* 2>/dev/null", shell=True)
         self.log.close()
         os.close(self.pty)
@@ -313,6 +321,10 @@ class LoopDisk:
         self.name = "sd" + letter
         self.work = Path(work)
         self.loops = []
+        # Opening a node of an absent loop device makes the kernel create it (the daemon does,
+        # probing the whole disk): every device of this disk's range that appears goes again.
+        self.present = {n for n in range(16 * self.index, 16 * self.index + 16)
+                        if os.path.exists(f"/sys/block/loop{n}")}
         self.usb = self.work / f"usb-{letter}"
         self.scsi = self.work / f"scsi-{letter}"
         for directory, attributes in [
@@ -326,15 +338,15 @@ class LoopDisk:
     def minor(self, partition):
         return 16 * self.index + partition
 
-    def plug(self, partition, make="mke2fs -q -F -I 128 -t ext2 IMG", size="8M"):
+    def plug(self, partition, make="mke2fs -q -F -I 128 -t ext2 IMG", size="8M", ro=False):
         """Makes an image with `make` (IMG for its path) and attaches it as `partition`."""
         image = self.work / f"{self.name}{partition}.img"
         subprocess.run(f"truncate -s {size} {image} && " + make.replace("IMG", str(image)),
                        shell=True, check=True, capture_output=True)
         number = self.minor(partition)
-        made = not os.path.exists(f"/sys/block/loop{number}")
-        subprocess.run(["losetup", f"/dev/loop{number}", str(image)], check=True)
-        self.loops.append((number, made))
+        subprocess.run(["losetup", *(["-r"] if ro else []), f"/dev/loop{number}", str(image)],
+                       check=True)
+        self.loops.append(number)
 
     def event(self, kind, partition, major=7):
         number = self.minor(partition)
@@ -342,12 +354,16 @@ class LoopDisk:
                        block=f"/sys/block/loop{number}", extra=(1, 2, 3))
 
     def close(self):
-        for number, made in self.loops:
+        for number in self.loops:
             subprocess.run(["losetup", "-d", f"/dev/loop{number}"], capture_output=True)
-            if made:  # LOOP_CTL_REMOVE: the host keeps only the loop devices it had
-                subprocess.run(["python3", "-c", "import fcntl, os; fcntl.ioctl(os.open("
-                                "'/dev/loop-control', os.O_RDWR), 0x4C81, " + str(number) + ")"],
-                               capture_output=True)
+        control = os.open("/dev/loop-control", os.O_RDWR)
+        for number in range(16 * self.index, 16 * self.index + 16):
+            if number not in self.present and os.path.exists(f"/sys/block/loop{number}"):
+                try:  # LOOP_CTL_REMOVE: the host keeps only the loop devices it had
+                    fcntl.ioctl(control, 0x4C81, number)
+                except OSError:
+                    pass
+        os.close(control)
 
 
 @pytest.fixture

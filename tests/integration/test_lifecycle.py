@@ -45,7 +45,7 @@ def test_rom_check_comes_before_the_root_check(start, tmp_path):
         d = start("-w", rom=rom, user="65534", exe=exe, wait=False)
         assert d.wait() == 255
         assert (d.err(), d.lines(), d.texts("hotplugd")) == ("ROM device is not found.\n", [], [])
-    d = start("-f", rom="char", user="65534", exe=exe, wait=False)
+    d = start("-f", rom="null", user="65534", exe=exe, wait=False)
     assert d.wait() == 255
     assert d.lines() == ["no root permission."]
     assert d.err() == f"Error - exit process.({exe}:-1)\n"

@@ -1,0 +1,129 @@
+"""What the daemon makes of each kind of medium (file system, label, name, mount), of a node
+path already taken, of letter files and ROM devices that fail, and of tools that never end."""
+import os
+import struct
+import time
+from pathlib import Path
+
+from conftest import SHARE, calls, need_sandbox, request, settings, wait_for, write
+
+VFAT = "\tvfat\n" in Path("/proc/filesystems").read_text()
+CRIT = 26  # LOG_DAEMON | LOG_CRIT
+ENV = f"en_US.UTF-8|C|{SHARE}|/tmp/dev"
+STUCK = "echo $$ >> /tmp/stuck\nexec sleep 60\n"  # pids to kill afterwards
+
+
+def details(client, disk, partition):
+    """(label, name, fs type, mounted) of a partition, from its 284-byte details; None if absent."""
+    reply = client.ask(request(104, bytes([partition]) + disk.encode()))
+    if not reply:
+        return None
+    label, name, _, _, _, _, fs_type, mounted = struct.unpack("<128s128s8sIIIiI", reply)
+    return label.rstrip(b"\0").decode(), name.rstrip(b"\0").decode(), fs_type, mounted
+
+
+def test_each_medium(disks, start, client, tmp_path):
+    need_sandbox()
+    settings(drvname="%V_%D")
+    # ntfs-3g's ntfslabel under the name of the appliance's NTFS label tool.
+    write(tmp_path / "bin" / "ntfsvlabel", '#!/bin/sh\nexec ntfslabel "$@"\n', 0o755)
+    sdf = disks("f", serial="0123456789AB")
+    fat32, fat = (20, 17) if VFAT else (0, 0)  # this kernel may have no FAT driver
+    media = [  # partition, image, expected label, name, fs type once mounted or not
+        (1, "mkfs.vfat -F 32 -n MYLABEL IMG", "40M", "_Volume_label_is_MYLABEL____",
+         "Acme_Volume_89AB1", fat32),  # mlabel's whole output is the label
+        (2, "mkfs.vfat -F 16 IMG", "16M", "_Volume_has_no_label", "Acme_Volume_89AB2", fat),
+        (3, "mkfs.vfat -F 12 -n SMALL IMG", "2M", "_Volume_label_is_SMALL______",
+         "Acme_Volume_89AB3", fat),
+        (4, "mkntfs -q -F -L 'My:Disk [1]' IMG", "8M", "My_Disk_(1)", "Acme_My_89AB4", 0),
+        (5, "mkswap IMG", "8M", "Acme_Stick_89AB5", "Acme_Stick_89AB5", 0),
+        (6, "true", "8M", "Acme_Stick_89AB6", "Acme_Stick_89AB6", 0),
+        (7, "printf 'label: dos\\n,20M,c\\n,,83\\n' | sfdisk -q IMG", "40M", "Acme_Stick_89AB7",
+         "Acme_Stick_89AB7", 0),
+    ]
+    for partition, make, size, *_ in media:
+        sdf.plug(partition, make, size)
+    sdf.plug(8, ro=True)  # a read-write mount is refused: mounted read-only instead
+    sdf.plug(9)
+    sdf.plug(10)
+    Path("/tmp/dev").mkdir(exist_ok=True)
+    Path("/tmp/dev/sdf9").write_text("")  # a node path taken by something else
+    os.symlink(f"/dev/loop{sdf.minor(10)}", "/tmp/dev/sdf10")
+    d = start(path=tmp_path / "bin")
+    for partition in range(1, 11):
+        client.send(sdf.event(1, partition))
+    assert wait_for(lambda: client.ask(request(101)) != b"", 20)
+
+    media.append((8, "", "", "Acme_Stick_89AB8", "Acme_Stick_89AB8", 33))
+    adds = []
+    for partition, _, _, label, name, fs_type in media:
+        assert details(client, "sdf", partition) == (label, name, fs_type, int(fs_type != 0))
+        assert os.path.ismount(f"{SHARE}/{name}") == (fs_type != 0)
+        if fs_type:
+            word = {20: "vfat32", 17: "vfat", 33: "ext2"}[fs_type]
+            adds.append(f"usbmount add sdf {partition} {word} {SHARE}/{name}||{ENV}")
+    assert os.statvfs(f"{SHARE}/Acme_Stick_89AB8").f_flag & os.ST_RDONLY
+    assert client.ask(request(103, b"sdf"))[4:15] == bytes([0] + [1] * 8 + [0, 0])
+    assert [line for line in calls() if "add" in line] == adds
+    # The blank partition is tried as each file system in turn, every failure logged.
+    where = f"/tmp/dev/sdf6 {SHARE}/Acme_Stick_89AB6"
+    tried = [text for _, text in d.texts() if "sdf6" in text]
+    assert tried == [f"Error:mount -t vfat {where} "
+                     f"({'Invalid argument' if VFAT else 'No such device'})",
+                     f"mount -t ntfs-3g {where} (0)", f"Error:mount -t ufsd {where} (No such device)",
+                     f"Error:mount -t ext2 {where} (Invalid argument)",
+                     f"Error:mount -t ext3 {where} (Invalid argument)"]
+    places = [text for pri, text in d.texts() if text.startswith("mount_thread:")]
+    assert {p[:p.index("(")] for p in places} == {f"mount_thread:mount_{fs}" for fs in
+                                                  ("fat", "ntfs", "ext2", "ext3")}
+    assert all(pri == 27 for pri, text in d.texts() if "mount" in text and "sdf" in text)
+
+
+def test_letter_file_and_rom_failures(disks, start, client):
+    """With letters on, a letter file that cannot be rewritten (its temporary file on another
+    file system), a ROM that refuses the archive and one that refuses the flush: each is
+    logged as critical and the partition is not taken into service."""
+    need_sandbox()
+    sdg = disks("g", serial="S9")
+    sdg.plug(1)
+    for args, rom, messages in [
+            (["-f"], "null", ["Rename config file fail master /etc/sysconfig/system.conf tmp "
+                              "/tmp/dev/conf.tmp.", "sys config write(/etc/sysconfig/system.conf)\n"]),
+            (["-f", "-w"], "full", ["config rom store(config /etc/sysconfig, rom /dev/kteeprom)\n"]),
+            (["-f", "-w"], "null", ["config flush cache(rom /dev/kteeprom)\n"])]:
+        settings(tmpdir="/tmp/dev" if "-w" not in args else "/etc/sysconfig/dev")
+        Path("/etc/sysconfig/system.conf").write_text("DRIVE_LETTERA=\n")
+        d = start(*args, rom=rom)
+        client.send(sdg.event(1, 1))
+        assert wait_for(lambda: len([1 for pri, _ in d.texts() if pri == CRIT]) == len(messages))
+        crit = [text for pri, text in d.texts() if pri == CRIT]
+        assert [text[:len(m)] for text, m in zip(crit, messages)] == messages
+        time.sleep(2.5)
+        assert client.ask(request(103, b"sdg"))[:4] == bytes(4), "not taken into service"
+        assert not os.path.ismount(f"{SHARE}/Drive-A1")
+        d.close()
+    assert Path("/etc/sysconfig/system.conf").read_text() == "DRIVE_LETTERA=S9\n"
+
+
+def test_tools_that_never_end(disks, start, client, tmp_path):
+    """disktype is waited for 8 s and the event program 15 s, then left running."""
+    need_sandbox()
+    write(tmp_path / "bin" / "disktype", "#!/bin/sh\n" + STUCK, 0o755)
+    settings()
+    write("/tmp/hook", "#!/bin/sh\n[ -e /tmp/hook-ran ] && exit\ntouch /tmp/hook-ran\n" + STUCK,
+          0o755)  # stuck on its first call only
+    sdh = disks("h")
+    sdh.plug(1)
+    d = start(path=tmp_path / "bin")
+    sent = time.monotonic()
+    client.send(sdh.event(1, 1))
+    assert wait_for(lambda: "hotplug mount sdh1" in d.lines(), 12)
+    probed = time.monotonic() - sent
+    assert 8.0 <= probed < 9.5
+    # Unknown to disktype, so tried as each file system: ext2 takes it.
+    assert details(client, "sdh", 1) is None
+    assert wait_for(lambda: details(client, "sdh", 1) == ("Drive-1", "Drive-1", 33, 1), 5)
+    hook_started = time.monotonic()  # AFTERMNT has just started, with the mark
+    assert client.ask(request(3, b"sdh"), 20) == bytes(128)
+    assert 14.0 <= time.monotonic() - hook_started < 16.5
+    os.system("kill $(cat /tmp/stuck)")
