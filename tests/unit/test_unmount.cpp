@@ -3,13 +3,12 @@
 #include "mount/fsmount.h"
 #include "mount/unmount.h"
 
-#include "loop_device.h"
 #include "tests/helpers/holder.h"
+#include "tests/helpers/scratch.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <memory>
 #include <sched.h>
 #include <sstream>
 #include <sys/mount.h>
@@ -35,7 +34,7 @@ struct Unmount : ::testing::Test {
     mount_thread_ctx ctx{};
     ktipc *client = nullptr;
     std::string meminfo = dir / "meminfo";
-    std::vector<std::unique_ptr<kt_test::LoopDevice>> loops;
+    std::vector<int> loops; // attached here, detached and removed again
 
     void SetUp() override {
         if (!kt_test::in_sandbox())
@@ -59,6 +58,11 @@ struct Unmount : ::testing::Test {
     void TearDown() override {
         umount("/proc/meminfo");
         kt_test::run("umount -q /tmp/share/* 2>/dev/null; rm -f /tmp/dev/*");
+        for (int n : loops)
+            kt_test::run("losetup -d /dev/loop" + std::to_string(n) +
+                         "; python3 -c 'import fcntl, "
+                         "os; fcntl.ioctl(os.open(\"/dev/loop-control\", os.O_RDWR), 0x4C81, " +
+                         std::to_string(n) + ")'");
         ktipc_close(client);
         ktipc_close(ctx.ipc);
         sddb_free(ctx.devices);
@@ -70,8 +74,9 @@ struct Unmount : ::testing::Test {
         const std::string image = dir / ("p" + std::to_string(partition));
         ASSERT_TRUE(kt_test::run("truncate -s 8M " + image + " && mke2fs -q -F -I 128 " + image));
         const int minor = 32 + partition;
-        loops.push_back(std::make_unique<kt_test::LoopDevice>(image, minor));
-        KT_REQUIRE(!loops.back()->device().empty(), "no loop device");
+        ASSERT_TRUE(kt_test::run("losetup /dev/loop" + std::to_string(minor) + " " + image))
+            << "no loop device (root is needed)";
+        loops.push_back(minor);
         sddb_record r{};
         put(r.node_name, "sdc" + std::to_string(partition));
         put(r.node_path, "/tmp/dev/sdc" + std::to_string(partition));
