@@ -3,7 +3,8 @@
 #
 # Steps: native g++ build with its unit tests and the black-box suite of its daemon; clang
 # build; clang ASan+UBSan and TSan builds with their unit tests and the daemon's whole cycles;
-# the mipsel cross build with its unit tests under qemu-mipsel-static; the sandbox's own tests. A failing step does not stop the later ones; any failure fails the run.
+# the mipsel cross build with its unit tests under qemu-mipsel-static; the sandbox's own tests;
+# the README's demonstration. A failing step does not stop the later ones; any failure fails the run.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -52,6 +53,17 @@ step "mipsel-linux-gnu under qemu" cmake_variant mipsel
 reports+=("$results/pytest.xml")
 step "pytest (the sandbox)" /usr/bin/python3 -m pytest -q -p no:cacheprovider \
     tests/integration/test_sandbox.py --junitxml="$results/pytest.xml"
+
+# The README's demonstration, against the native build (a character device node stands for the
+# ROM device that -f wants, bound at /dev/kteeprom inside the sandbox only).
+demonstration() {
+    [ -c build/kteeprom ] || mknod build/kteeprom c 1 3
+    tests/sandbox/run --eeprom build/kteeprom -- bash scripts/demo.sh "$PWD/build/daemon/hotplugd" \
+        "$PWD/build/client/hotplugctl" >"$results/demo.log" 2>&1 ||
+        { tail -n 40 "$results/demo.log"; return 1; }
+    tail -n 1 "$results/demo.log"
+}
+step "demonstration" demonstration
 
 host_after=$(tests/sandbox/host-state --loops)
 if [ "$host_before" != "$host_after" ]; then
