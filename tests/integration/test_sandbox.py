@@ -40,6 +40,8 @@ def test_checkout_under_tmp_stays_reachable(host_state):
     """CI may clone the project under /tmp: the fresh /tmp must not hide its tests."""
     need_root()
     checkout = Path(tempfile.mkdtemp(prefix="hotplugd-checkout-", dir="/tmp"))
+    home = Path(os.environ.get("HOME", "/root"))
+    staged_before = set(home.glob(".sandbox.*"))
     try:
         scripts = checkout / "tests" / "sandbox"
         scripts.mkdir(parents=True)
@@ -52,6 +54,6 @@ def test_checkout_under_tmp_stays_reachable(host_state):
                                 capture_output=True, text=True, timeout=60)
         assert result.returncode == 0, result.stderr
         assert (checkout / "output").read_text() == "from the host", "written through to the host"
-        assert not list(Path(os.environ.get("HOME", "/root")).glob(".sandbox.*"))
+        assert set(home.glob(".sandbox.*")) == staged_before, "staging directory left in $HOME"
     finally:
         shutil.rmtree(checkout)

@@ -2,6 +2,7 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "client/uevent.h"
 #include "config/ktcfg.h"
 #include "config/ktcfg_rom.h"
 #include "config/sysconf.h"
