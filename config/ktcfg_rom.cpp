@@ -1,5 +1,6 @@
 // ktcfg_rom: archiving a configuration directory onto the ROM device and the driver's requests.
 #include "config/ktcfg_rom.h"
+#include "lib/kt_internal.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -26,6 +27,7 @@ int run_archiver(const char *rom, const char *dir, archive_mode mode) {
     if (pid < 0)
         return -errno;
     if (pid == 0) {
+        kt::unblock_signals();
         // tar's messages have nowhere to go; its exit status alone tells the caller.
         close(STDIN_FILENO);
         close(STDOUT_FILENO);

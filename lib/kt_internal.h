@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <signal.h>
 #include <string_view>
 #include <unistd.h>
 
@@ -88,6 +89,15 @@ inline int load_flag(const int *flag) {
 }
 inline void store_flag(int *flag, int value) {
     __atomic_store_n(flag, value, __ATOMIC_SEQ_CST);
+}
+
+// For a child between fork and exec (async-signal-safe): a signal mask survives exec, so a
+// thread that keeps signals blocked (the mount thread leaves Ctrl-C to the main thread) would
+// hand that on to every program it starts.
+inline void unblock_signals() {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 // Formats into a heap buffer of `initial` bytes that grows to exactly the length needed when

@@ -46,6 +46,7 @@ void redirect_to_null(int target) {
 
 // The child's side of proc_create; never returns.
 [[noreturn]] void run_child(int flags, char *text, int read_end, int write_end) {
+    kt::unblock_signals();
     if (flags & PROC_STDIN_PIPE)
         dup2(read_end, STDIN_FILENO);
     if (flags & PROC_STDOUT_PIPE)

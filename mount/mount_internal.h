@@ -4,8 +4,10 @@
 
 #include "lib/proc.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <pthread.h>
 #include <syslog.h>
 
 namespace mount_engine {
@@ -32,9 +34,16 @@ class waited_child {
 
 // Runs a command line through the shell. What the appliance's scripts do, and whether they
 // manage, is theirs to care about: the result is not looked at.
+// system() hands the calling thread's signal mask to the shell: the mount thread's blocked
+// Ctrl-C is let through meanwhile (system itself ignores it until the shell is done).
 inline void run_shell(const char *command) {
     waited_child child;
+    sigset_t interrupt, old;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_UNBLOCK, &interrupt, &old);
     (void)!std::system(command);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
 }
 
 // The line before an error: the place it was raised, `function` at `line`.

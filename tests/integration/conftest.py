@@ -29,6 +29,7 @@ IN_SANDBOX = os.environ.get("HOTPLUGD_SANDBOX") == "1"
 SERVER = "/tmp/ktipc/ipc-hotplugd.sock"
 SHARE = "/tmp/share"
 CALLS = "/tmp/calls.log"
+SIGNALS = "/tmp/sigblk.log"  # each recorded call's blocked signals
 
 
 def pytest_configure(config):
@@ -88,9 +89,11 @@ def write(path, text, mode=None):
 
 
 # The appliance's scripts and hook program record each call, its arguments and the
-# environment it got, in one ordered log.
+# environment it got, in one ordered log; and the signals they were started with blocked, read
+# by builtins (a shell waiting for a child of its own blocks them all meanwhile).
 RECORDER = ('#!/bin/sh\necho "{name} $*|$ACTION|$LANG|$LC_COLLATE|$SHAREPATH|$DEVPATH"'
-            f' >> {CALLS}\n')
+            f' >> {CALLS}\nwhile read -r k v; do [ "$k" != SigBlk: ] || echo "$v" >> {SIGNALS}'
+            '; done < /proc/$$/status\n')
 
 
 def settings(drvname="Drive-%D", dmount=0, tmpdir="/tmp/dev", extra=""):
@@ -260,7 +263,7 @@ def start(tmp_path):
             os.kill(pid, 9)
     except (OSError, ValueError):
         pass
-    for path in [SERVER, CALLS, "/var/run/hotplugd.pid"]:
+    for path in [SERVER, CALLS, SIGNALS, "/var/run/hotplugd.pid"]:
         if os.path.exists(path):
             os.unlink(path)
 

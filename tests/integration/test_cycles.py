@@ -6,7 +6,7 @@ import struct
 import time
 from pathlib import Path
 
-from conftest import SERVER, SHARE, calls, need_sandbox, request, settings, wait_for
+from conftest import SERVER, SHARE, SIGNALS, calls, need_sandbox, request, settings, wait_for
 
 TMPDIR = "/etc/sysconfig/dev"  # beside the letter file: rewriting it renames across this dir
 LETTERS = "".join(f"DRIVE_LETTER{chr(65 + i)}=\n" for i in range(26))
@@ -122,6 +122,8 @@ def test_plug_use_and_unplug(disks, start, client, tmp_path):
     assert not mounted("Drive-B1") and not os.path.exists(f"{TMPDIR}/sde1")
     assert client.ask(request(101)) == b"sdd" + bytes(5)
     assert Path("/etc/sysconfig/system.conf").read_text() == conf
+    # The mount thread leaves Ctrl-C to the main thread; what it starts gets it all the same.
+    assert set(Path(SIGNALS).read_text().splitlines()) == {"0000000000000000"}
 
     # Stopped with sdd mounted: unmounted within the grace period, without hooks.
     assert d.stop() == 255
