@@ -115,7 +115,8 @@ int mnt_thread_loop(mount_thread_ctx *ctx) {
             if (batch == 0) {
                 // Idle: woken at once by a new request, and at least once a second for the
                 // run flag.
-                mntmg_wait(ctx->queue, 1000);
+                if (mntmg_wait(ctx->queue, 1000) < 0)
+                    sleep(1);
                 continue;
             }
             // A batch ends after a quiet second: the records become visible to clients, then

@@ -112,6 +112,7 @@ int dirty_pages_exist(void) {
 }
 
 int disk_has_requests_in_flight(const char *disk) {
+    // The name ends up in a shell command line: only names the kernel gives disks pass.
     if (disk == nullptr || disk[0] == '\0' ||
         std::strspn(disk, "abcdefghijklmnopqrstuvwxyz0123456789") != std::strlen(disk))
         return 0;
@@ -139,6 +140,7 @@ int umount_disk(mount_thread_ctx *ctx, const mntmg_record *request, int reply) {
     if (dirty_pages_exist() != 0) {
         std::printf("dirty page %s\n", "exists");
         hotplug_kill("stop 1");
+        // A line of its own, like every progress line, so a reader of the output sees it whole.
         std::puts("dirty page exists, unmount denied");
         // Answered even without `reply` (at stop), to whatever address the request holds: the
         // appliance's clients wait for this answer and ask again.
@@ -204,9 +206,9 @@ int hotplug_remove(mount_thread_ctx *ctx, const mntmg_record *request) {
 }
 
 int mark_devices_valid(sddb *db) {
+    sleep(1);
     if (db == nullptr)
         return -1;
-    sleep(1);
     ktmnglist *list = sddb_lock(db);
     if (list == nullptr)
         return -1;

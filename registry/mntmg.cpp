@@ -1,6 +1,7 @@
 // mntmg: the mount request queue, with the supersede rule applied when a request is taken.
 #include "registry/mntmg.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
@@ -156,9 +157,11 @@ int mntmg_wait(mntmg *queue, long timeout_ms) {
     while (ktmnglist_length(queue->list) == 0) {
         int rc = timeout_ms < 0 ? pthread_cond_wait(&queue->ready, &queue->mutex)
                                 : pthread_cond_timedwait(&queue->ready, &queue->mutex, &deadline);
-        // ETIMEDOUT, or a wait that cannot go on: report what the queue holds now.
-        if (rc != 0)
+        if (rc == ETIMEDOUT)
             break;
+        // A wait that cannot go on: the caller falls back to sleeping rather than spin.
+        if (rc != 0)
+            return -1;
     }
     return static_cast<int>(ktmnglist_length(queue->list));
 }

@@ -39,8 +39,8 @@ int mntmg_getlen(mntmg *queue);
 
 /* Waits until the queue holds a request or `timeout_ms` milliseconds have passed (a negative
  * limit waits for ever); the number queued, 0 when the time ran out on an empty queue, or -1
- * for null or a lock failure. Takes nothing: mntmg_getdata follows. Measured on the monotonic
- * clock, so setting the wall clock neither cuts nor stretches the wait. */
+ * for null, a lock failure or a wait that fails. Takes nothing: mntmg_getdata follows.
+ * Measured on the monotonic clock, so setting the wall clock neither cuts nor stretches it. */
 int mntmg_wait(mntmg *queue, long timeout_ms);
 
 #ifdef __cplusplus
