@@ -2,6 +2,8 @@
 #ifndef KTCFG_INTERNAL_H
 #define KTCFG_INTERNAL_H
 
+#include "lib/kt_internal.h"
+
 #include <string_view>
 
 namespace ktcfg {
@@ -13,7 +15,7 @@ constexpr bool is_header(std::string_view line) {
 
 // The text between the "[" and the first "]"; whatever follows the "]" does not count.
 constexpr std::string_view header_name(std::string_view line) {
-    return line.substr(1, line.find(']') - 1);
+    return kt::sub(line, 1, line.find(']') - 1);
 }
 
 struct key_value {
@@ -29,9 +31,9 @@ constexpr bool split_key_value(std::string_view line, key_value *out) {
     auto eq = line.find('=');
     if (eq == std::string_view::npos)
         return false;
-    std::string_view value = line.substr(eq + 1);
-    out->key = line.substr(0, eq);
-    out->value = value.substr(0, value.find('\n'));
+    std::string_view value = kt::sub(line, eq + 1);
+    out->key = kt::sub(line, 0, eq);
+    out->value = kt::sub(value, 0, value.find('\n'));
     return true;
 }
 

@@ -68,6 +68,16 @@ template <size_t N> class field_text {
     char text_[N + 1];
 };
 
+// string_view::substr checks its position and throws, and a throw would bring the C++ runtime
+// (unwinder, demangler) into programs that must carry nothing but the C library. This clamps
+// instead: a position past the end gives an empty view.
+constexpr std::string_view sub(std::string_view text, size_t pos,
+                               size_t count = std::string_view::npos) {
+    pos = pos < text.size() ? pos : text.size();
+    return std::string_view(text.data() + pos,
+                            count < text.size() - pos ? count : text.size() - pos);
+}
+
 // The number at the start of `text` as sscanf's "%d" converts it (leading white space and a sign
 // accepted), clamped to 32 bits instead of sscanf's undefined behaviour on overflow. False when
 // there is no number; `end` (if given) is then `text`, else just past the digits.

@@ -2,6 +2,7 @@
 // label.
 #include "mount/probe_text.h"
 
+#include "lib/kt_internal.h"
 #include "lib/ktutf8.h"
 
 #include <algorithm>
@@ -62,7 +63,7 @@ int32_t file_system_kind(string_view name) {
     for (const named_kind &fs : file_systems)
         if (name == fs.name)
             return fs.kind;
-    return name.substr(0, 3) == "FAT" ? FSTYPE_FAT : FSTYPE_UNKNOWN;
+    return kt::sub(name, 0, 3) == "FAT" ? FSTYPE_FAT : FSTYPE_UNKNOWN;
 }
 
 // The kind of the partition type code in the (up to) two hexadecimal digits `digits` begins
@@ -128,7 +129,7 @@ void probe_scan_line(probe_scan *scan, const char *text) {
     if (scan->file_system_seen)
         return;
     if (size_t at = line.find(" file system"); at != string_view::npos) {
-        int32_t kind = file_system_kind(line.substr(0, at));
+        int32_t kind = file_system_kind(kt::sub(line, 0, at));
         if (kind != FSTYPE_UNKNOWN) {
             scan->kind = kind;
             scan->file_system_seen = 1;
@@ -138,7 +139,7 @@ void probe_scan_line(probe_scan *scan, const char *text) {
         scan->file_system_seen = 1;
     } else if (size_t type = line.find("Type 0x"); type != string_view::npos) {
         // A partition type is a hint only: a file system named later still decides.
-        int32_t kind = partition_type_kind(line.substr(type + std::strlen("Type 0x")));
+        int32_t kind = partition_type_kind(kt::sub(line, type + std::strlen("Type 0x")));
         if (kind != FSTYPE_UNKNOWN)
             scan->kind = kind;
     }

@@ -218,7 +218,7 @@ const char *label_value(const sddb_record *record, char (&value)[label_size],
     if (source != nullptr) {
         size_t length = std::strlen(value);
         size_t room = length < label_word_limit ? label_word_limit - length : 0;
-        append(value, std::string_view(drivename::first_word(source)).substr(0, room));
+        append(value, kt::sub(drivename::first_word(source), 0, room));
     }
     const char *chosen = value[0] != '\0' ? value : raw_label.get();
     return *chosen != '\0' && kt_is_utf8(chosen) ? chosen : nullptr;
@@ -250,9 +250,9 @@ bool labelled_name(const hotplugd_settings *settings, const char *value, const c
     if (v == std::string_view::npos || d == std::string_view::npos)
         return false;
     size_t first = std::min(v, d), second = std::max(v, d);
-    std::string_view prefix = pattern.substr(0, first);
-    std::string_view middle = pattern.substr(first + 2, second - first - 2);
-    std::string_view suffix = pattern.substr(second + 2);
+    std::string_view prefix = kt::sub(pattern, 0, first);
+    std::string_view middle = kt::sub(pattern, first + 2, second - first - 2);
+    std::string_view suffix = kt::sub(pattern, second + 2);
     int length = std::snprintf(name, name_limit, "%.*s%s%.*s%s%.*s",
                                static_cast<int>(prefix.size()), prefix.data(), v < d ? value : id,
                                static_cast<int>(middle.size()), middle.data(), v < d ? id : value,
@@ -266,8 +266,8 @@ int fallback_name(const hotplugd_settings *settings, const char *id, char *name)
     field_text format(settings->fallback_name_format);
     std::string_view pattern(format.get());
     size_t d = pattern.find("%D");
-    std::string_view prefix = pattern.substr(0, d);
-    std::string_view suffix = d == std::string_view::npos ? "" : pattern.substr(d + 2);
+    std::string_view prefix = kt::sub(pattern, 0, d);
+    std::string_view suffix = d == std::string_view::npos ? "" : kt::sub(pattern, d + 2);
     int length = std::snprintf(name, name_limit, "%.*s%s%.*s", static_cast<int>(prefix.size()),
                                prefix.data(), id, static_cast<int>(suffix.size()), suffix.data());
     return length < 0 ? -1 : 0;
