@@ -36,6 +36,7 @@ def pytest_configure(config):
     # Outside, the sandbox covers /tmp with a fresh tmpfs: files shared with sandboxed commands
     # live beside the build. Inside, /tmp is the sandbox's own.
     if not config.option.basetemp and not IN_SANDBOX:
+        (ROOT / "build").mkdir(exist_ok=True)
         config.option.basetemp = str(ROOT / "build" / "pytest-tmp")
 
 
