@@ -1,10 +1,10 @@
 // hotplugctl: asks hotplugd about its disks, has it mount and unmount them, sends it hotplug
 // events.
+#include "client/reply.h"
 #include "client/uevent.h"
 #include "daemon/receive.h"
+#include "lib/kt_internal.h"
 #include "lib/ktipc.h"
-#include "lib/ktutf8.h"
-#include "mount/probe_text.h"
 #include "mount/unmount.h"
 
 #include <cerrno>
@@ -15,14 +15,15 @@
 #include <cstring>
 #include <linux/netlink.h>
 #include <poll.h>
-#include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <vector>
 
 extern char **environ;
 
 namespace {
+
+using std::string_view;
 
 // Exit statuses, one for each way a request can end.
 enum status : int {
@@ -38,13 +39,24 @@ constexpr char server[] = KTIPC_DIR "/ipc-hotplugd.sock";
 // A guarded unmount syncs, waits a second and runs the platform's scripts and the event
 // program (up to 15 s), possibly twice with a re-mount: a minute covers it.
 constexpr int default_timeout_s = 60;
+// The longest reply is a disk's information; a datagram beyond this is no reply of hotplugd's.
+constexpr size_t reply_size = 2048;
+constexpr size_t max_words = 3;
+constexpr size_t max_event_options = 32;
+
+struct event_option {
+    string_view key;
+    const char *value;
+};
 
 struct options {
     bool json = false;
     int timeout_s = default_timeout_s;
-    std::string sysfs = "/sys";
-    std::vector<std::string> words;                         // the subcommand and its arguments
-    std::vector<std::pair<std::string, std::string>> event; // --major ... of add and remove
+    const char *sysfs = "/sys";
+    const char *words[max_words] = {};          // the subcommand and its arguments
+    size_t word_count = 0;                      // all of them, also those beyond max_words
+    event_option event[max_event_options] = {}; // --major ... of add and remove
+    size_t event_count = 0;
 };
 
 __attribute__((format(printf, 1, 2))) int complain(const char *format, ...) {
@@ -57,8 +69,13 @@ __attribute__((format(printf, 1, 2))) int complain(const char *format, ...) {
     return refused;
 }
 
-int usage_error(const std::string &what) {
-    std::fprintf(stderr, "hotplugctl: %s (see hotplugctl --help)\n", what.c_str());
+__attribute__((format(printf, 1, 2))) int usage_error(const char *format, ...) {
+    std::fputs("hotplugctl: ", stderr);
+    va_list args;
+    va_start(args, format);
+    std::vfprintf(stderr, format, args);
+    va_end(args);
+    std::fputs(" (see hotplugctl --help)\n", stderr);
     return usage;
 }
 
@@ -91,6 +108,12 @@ void print_help() {
 
 // ---- talking to the daemon ---------------------------------------------------------------
 
+// A reply as it came: up to reply_size bytes.
+struct reply_buffer {
+    char data[reply_size];
+    size_t size = 0;
+};
+
 class daemon_link {
   public:
     daemon_link() : channel_(ktipc_create_clientipc(getpid(), KTIPC_REMOVE_STALE)) {}
@@ -111,20 +134,24 @@ class daemon_link {
         return complain("cannot send to hotplugd: %s", std::strerror(errno));
     }
 
-    // Sends a request and takes its reply (possibly empty) into `reply`.
-    int ask(const std::string &request, int timeout_s, std::string *reply) {
-        if (int sent = send(request.data(), request.size()); sent != done)
+    // Sends query `kind` with `rest` after it and takes its reply (possibly empty).
+    int ask(int32_t kind, string_view rest, int timeout_s, reply_buffer *reply) {
+        char request[sizeof kind + 8] = {};
+        std::memcpy(request, &kind, sizeof kind);
+        const size_t n =
+            rest.size() < sizeof request - sizeof kind ? rest.size() : sizeof request - sizeof kind;
+        std::memcpy(request + sizeof kind, rest.data(), n);
+        if (int sent = send(request, sizeof kind + n); sent != done)
             return sent;
         pollfd ready{channel_->fd, POLLIN, 0};
         if (poll(&ready, 1, timeout_s * 1000) <= 0) {
             complain("no reply from hotplugd within %d s", timeout_s);
             return no_reply;
         }
-        char buffer[2048];
-        ssize_t n = recv(channel_->fd, buffer, sizeof buffer, 0);
-        if (n < 0)
+        ssize_t got = recv(channel_->fd, reply->data, sizeof reply->data, 0);
+        if (got < 0)
             return complain("cannot receive the reply: %s", std::strerror(errno));
-        reply->assign(buffer, static_cast<size_t>(n));
+        reply->size = static_cast<size_t>(got);
         return done;
     }
 
@@ -132,295 +159,261 @@ class daemon_link {
     ktipc *channel_;
 };
 
-std::string query(int32_t kind, const std::string &rest) {
-    std::string request(sizeof kind, '\0');
-    std::memcpy(&request[0], &kind, sizeof kind);
-    return request + rest;
-}
+// Where a command shows what it got. A table goes out as it grows; JSON is held until the
+// command has all of it, so that a failing command prints no half a document.
+class output {
+  public:
+    explicit output(bool json) : json_(json) {
+        if (json_)
+            file_ = open_memstream(&text_, &size_);
+    }
+    ~output() {
+        if (json_ && file_ != nullptr)
+            std::fclose(file_);
+        std::free(text_);
+    }
+    output(const output &) = delete;
+    output &operator=(const output &) = delete;
 
-// A reply of the expected size copied into `out`; anything else is refused.
-template <typename T> int take(const std::string &reply, T *out) {
-    if (reply.size() != sizeof *out)
-        return complain("a reply of %zu bytes where %zu were due", reply.size(), sizeof *out);
-    std::memcpy(out, reply.data(), sizeof *out);
-    return done;
-}
+    FILE *file() const { return file_; }
+    int how() const { return json_ ? REPLY_JSON : REPLY_TABLE; }
+    bool json() const { return json_; }
 
-struct partition_map {
-    uint32_t count;
-    uint8_t present[16];
-    uint8_t mounted[16];
+    // The JSON document, once complete, with a line feed.
+    int finish() {
+        if (!json_)
+            return done;
+        if (file_ == nullptr || std::fclose(file_) != 0) {
+            file_ = nullptr;
+            return complain("out of memory");
+        }
+        file_ = nullptr;
+        std::fwrite(text_, 1, size_, stdout);
+        std::putchar('\n');
+        return done;
+    }
+
+  private:
+    bool json_;
+    FILE *file_ = stdout;
+    char *text_ = nullptr;
+    size_t size_ = 0;
 };
 
-// ---- showing what the daemon said ---------------------------------------------------------
-
-// A fixed field's text without the blanks SCSI attributes are padded with.
-template <size_t N> std::string text(const char (&field)[N]) {
-    std::string s(field, strnlen(field, N));
-    return s.erase(s.find_last_not_of(' ') + 1);
-}
-
-std::string json_string(const std::string &s) {
-    const bool utf8 = kt_is_utf8(s.c_str()) != 0;
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        char escaped[8];
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c == 0x7f || (c >= 0x80 && !utf8)) {
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c); // bytes that are no UTF-8
-            out += escaped;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
-
-const char *fs_name(int32_t kind) {
-    switch (kind) {
-    case FSTYPE_PARTITION_MAP:
-        return "partition map";
-    case FSTYPE_FAT:
-        return "FAT";
-    case FSTYPE_FAT32:
-        return "FAT32";
-    case FSTYPE_NTFS:
-        return "NTFS";
-    case FSTYPE_LINUX:
-        return "Linux";
-    case FSTYPE_EXT2:
-        return "ext2";
-    case FSTYPE_EXT3:
-        return "ext3";
-    case FSTYPE_SWAP:
-        return "swap";
-    default:
-        return "unknown";
-    }
-}
-
-std::string disk_json(const std::string &disk, const sddb_disk_info &d) {
-    char numbers[160];
-    std::snprintf(numbers, sizeof numbers,
-                  "\"id_vendor\": \"%04x\", \"id_product\": \"%04x\", \"speed\": %d, "
-                  "\"removable\": %s, \"extra\": [%u, %u, %u]",
-                  d.id_vendor, d.id_product, d.speed, d.removable ? "true" : "false", d.extra0,
-                  d.extra1, d.extra2);
-    return "{\"disk\": " + json_string(disk) + ", \"vendor\": " + json_string(text(d.vendor)) +
-           ", \"model\": " + json_string(text(d.model)) +
-           ", \"serial\": " + json_string(text(d.serial)) +
-           ", \"manufacturer\": " + json_string(text(d.manufacturer)) +
-           ", \"product\": " + json_string(text(d.product)) + ", " + numbers;
-}
-
-// The tables' columns: headers and rows go through the same formats.
-constexpr char disk_columns[] = "%-5s %-25s %-20s %-10s %s\n";
-constexpr char part_columns[] = "%-5s %-20s %-20s %-13s %8s %8s  %s\n";
-
-void print_disk_header() {
-    std::printf(disk_columns, "DISK", "VENDOR MODEL", "SERIAL", "USB ID", "SPEED");
-}
-
-void print_disk_row(const std::string &disk, const sddb_disk_info &d) {
-    char ids[16], speed[24];
-    std::snprintf(ids, sizeof ids, "%04x:%04x", d.id_vendor, d.id_product);
-    std::snprintf(speed, sizeof speed, "%d Mbit/s", d.speed);
-    std::printf(disk_columns, disk.c_str(), (text(d.vendor) + " " + text(d.model)).c_str(),
-                text(d.serial).c_str(), ids, speed);
-}
-
-void print_part_header() {
-    std::printf(part_columns, "PART", "LABEL", "DRIVE", "FS", "SIZE MiB", "USED MiB", "MOUNTED");
-}
-
-void print_part_row(int number, const sddb_part_info &p) {
-    const std::string n = std::to_string(number), size = std::to_string(p.size_mib),
-                      used = std::to_string(p.used_mib);
-    std::printf(part_columns, n.c_str(), text(p.volume_label).c_str(), text(p.drive_name).c_str(),
-                fs_name(p.fs_type), size.c_str(), used.c_str(), p.mounted ? "yes" : "no");
-}
-
-std::string part_json(int number, const sddb_part_info &p) {
-    char numbers[160];
-    std::snprintf(numbers, sizeof numbers,
-                  "\"fs_type\": %d, \"size_mib\": %u, \"used_mib\": %u, \"mounted\": %s}",
-                  p.fs_type, p.size_mib, p.used_mib, p.mounted ? "true" : "false");
-    return "{\"partition\": " + std::to_string(number) +
-           ", \"label\": " + json_string(text(p.volume_label)) +
-           ", \"drive_name\": " + json_string(text(p.drive_name)) +
-           ", \"drive_id\": " + json_string(text(p.drive_id)) +
-           ", \"fs\": " + json_string(fs_name(p.fs_type)) + ", " + numbers;
+int wrong_size(const reply_buffer &reply, size_t due) {
+    return complain("a reply of %zu bytes where %zu were due", reply.size, due);
 }
 
 // ---- the subcommands ----------------------------------------------------------------------
 
-bool is_disk(const std::string &name) {
+bool is_disk(const char *name) {
     uint16_t id = 0;
-    return name.size() == 3 && uevent_disk_id(name.c_str(), &id) == 0;
+    return std::strlen(name) == 3 && uevent_disk_id(name, &id) == 0;
 }
 
 int list(daemon_link &link, const options &o) {
-    std::string reply;
-    if (int s = link.ask(query(RECEIVE_LIST_DISKS, ""), o.timeout_s, &reply); s != done)
+    reply_buffer reply;
+    if (int s = link.ask(RECEIVE_LIST_DISKS, "", o.timeout_s, &reply); s != done)
         return s;
-    if (reply.size() % 8 != 0 || reply.size() > 26 * 8)
-        return complain("a disk list of %zu bytes", reply.size());
-    std::string json = "[";
-    if (!o.json)
-        print_disk_header();
-    for (size_t at = 0; at < reply.size(); at += 8) {
-        const std::string disk(reply.c_str() + at, strnlen(reply.c_str() + at, 3));
-        std::string details;
-        sddb_disk_info info{};
-        if (int s = link.ask(query(RECEIVE_DISK_INFO, disk), o.timeout_s, &details); s != done)
+    char disks[26][4];
+    const int count = reply_disks(reply.data, reply.size, disks);
+    if (count < 0)
+        return complain("a disk list of %zu bytes", reply.size);
+    output out(o.json);
+    if (out.json())
+        std::fputc('[', out.file());
+    else
+        reply_disk_header(stdout);
+    bool first = true;
+    for (int i = 0; i < count; ++i) {
+        reply_buffer details;
+        if (int s = link.ask(RECEIVE_DISK_INFO, disks[i], o.timeout_s, &details); s != done)
             return s;
-        if (details.empty()) // gone since it was listed
+        if (details.size == 0) // gone since it was listed
             continue;
-        if (int s = take(details, &info); s != done)
-            return s;
-        if (o.json)
-            json += (json.size() > 1 ? ", " : "") + disk_json(disk, info) + "}";
-        else
-            print_disk_row(disk, info);
+        if (out.json() && !first)
+            std::fputs(", ", out.file());
+        if (reply_show_disk(out.file(), disks[i], details.data, details.size, out.how()) != 0)
+            return wrong_size(details, sizeof(sddb_disk_info));
+        if (out.json())
+            std::fputc('}', out.file());
+        first = false;
     }
-    if (o.json)
-        std::printf("%s]\n", json.c_str());
+    if (out.json())
+        std::fputc(']', out.file());
+    return out.finish();
+}
+
+int partition_details(daemon_link &link, const options &o, const char *disk, int number,
+                      reply_buffer *reply) {
+    char rest[8];
+    rest[0] = static_cast<char>(number);
+    std::snprintf(rest + 1, sizeof rest - 1, "%s", disk);
+    if (int s = link.ask(RECEIVE_PARTITION_INFO, string_view(rest, 1 + std::strlen(disk)),
+                         o.timeout_s, reply);
+        s != done)
+        return s;
+    if (reply->size == 0) {
+        complain("no such partition: %s %d", disk, number);
+        return no_such;
+    }
+    if (reply->size != sizeof(sddb_part_info))
+        return wrong_size(*reply, sizeof(sddb_part_info));
     return done;
 }
 
-int partition_details(daemon_link &link, const options &o, const std::string &disk, int number,
-                      sddb_part_info *out) {
-    std::string reply;
-    const std::string rest = std::string(1, static_cast<char>(number)) + disk;
-    if (int s = link.ask(query(RECEIVE_PARTITION_INFO, rest), o.timeout_s, &reply); s != done)
+int partitions(daemon_link &link, const options &o, const char *disk, reply_map *map) {
+    reply_buffer reply;
+    if (int s = link.ask(RECEIVE_PARTITION_MAP, disk, o.timeout_s, &reply); s != done)
         return s;
-    if (reply.empty()) {
-        complain("no such partition: %s %d", disk.c_str(), number);
-        return no_such;
-    }
-    return take(reply, out);
-}
-
-int partitions(daemon_link &link, const options &o, const std::string &disk, partition_map *map) {
-    std::string reply;
-    if (int s = link.ask(query(RECEIVE_PARTITION_MAP, disk), o.timeout_s, &reply); s != done)
-        return s;
-    if (int s = take(reply, map); s != done)
-        return s;
+    if (reply_read_map(reply.data, reply.size, map) != 0)
+        return wrong_size(reply, sizeof *map);
     if (map->count == 0) {
-        complain("no such disk: %s", disk.c_str());
+        complain("no such disk: %s", disk);
         return no_such;
     }
     return done;
 }
 
-int info(daemon_link &link, const options &o, const std::string &disk) {
-    std::string reply;
-    sddb_disk_info d{};
-    if (int s = link.ask(query(RECEIVE_DISK_INFO, disk), o.timeout_s, &reply); s != done)
+int info(daemon_link &link, const options &o, const char *disk) {
+    reply_buffer reply;
+    if (int s = link.ask(RECEIVE_DISK_INFO, disk, o.timeout_s, &reply); s != done)
         return s;
-    if (reply.empty()) {
-        complain("no such disk: %s", disk.c_str());
+    if (reply.size == 0) {
+        complain("no such disk: %s", disk);
         return no_such;
     }
-    partition_map map{};
-    if (int s = take(reply, &d); s != done || (s = partitions(link, o, disk, &map)) != done)
-        return s;
-    std::string json = disk_json(disk, d) + ", \"partitions\": [";
-    if (!o.json) {
-        print_disk_header();
-        print_disk_row(disk, d);
-        std::putchar('\n');
-        print_part_header();
-    }
-    for (int p = 0; p < 16; ++p) {
-        sddb_part_info part{};
-        if (!map.present[p])
-            continue;
-        if (int s = partition_details(link, o, disk, p, &part); s != done)
-            return s;
-        if (o.json)
-            json += (json.back() == '[' ? "" : ", ") + part_json(p, part);
-        else
-            print_part_row(p, part);
-    }
-    if (o.json)
-        std::printf("%s]}\n", json.c_str());
-    return done;
-}
-
-int parts(daemon_link &link, const options &o, const std::string &disk) {
-    partition_map map{};
+    if (reply.size != sizeof(sddb_disk_info))
+        return wrong_size(reply, sizeof(sddb_disk_info));
+    reply_map map{};
     if (int s = partitions(link, o, disk, &map); s != done)
         return s;
-    std::string json = "{\"disk\": " + json_string(disk) + ", \"partitions\": [";
-    if (!o.json)
-        std::puts("PART  MOUNTED");
+    output out(o.json);
+    if (!out.json())
+        reply_disk_header(stdout);
+    reply_show_disk(out.file(), disk, reply.data, reply.size, out.how());
+    if (out.json()) {
+        std::fputs(", \"partitions\": [", out.file());
+    } else {
+        std::putchar('\n');
+        reply_partition_header(stdout);
+    }
+    bool first = true;
     for (int p = 0; p < 16; ++p) {
         if (!map.present[p])
             continue;
-        if (o.json)
-            json += std::string(json.back() == '[' ? "" : ", ") +
-                    "{\"partition\": " + std::to_string(p) +
-                    ", \"mounted\": " + (map.mounted[p] ? "true" : "false") + "}";
+        reply_buffer part;
+        if (int s = partition_details(link, o, disk, p, &part); s != done)
+            return s;
+        if (out.json() && !first)
+            std::fputs(", ", out.file());
+        reply_show_partition(out.file(), p, part.data, part.size, out.how());
+        first = false;
+    }
+    if (out.json())
+        std::fputs("]}", out.file());
+    return out.finish();
+}
+
+int parts(daemon_link &link, const options &o, const char *disk) {
+    reply_map map{};
+    if (int s = partitions(link, o, disk, &map); s != done)
+        return s;
+    output out(o.json);
+    if (out.json()) {
+        std::fputs("{\"disk\": ", out.file());
+        reply_json_string(out.file(), disk, std::strlen(disk));
+        std::fputs(", \"partitions\": [", out.file());
+    } else {
+        std::puts("PART  MOUNTED");
+    }
+    bool first = true;
+    for (int p = 0; p < 16; ++p) {
+        if (!map.present[p])
+            continue;
+        if (out.json())
+            std::fprintf(out.file(), "%s{\"partition\": %d, \"mounted\": %s}", first ? "" : ", ", p,
+                         map.mounted[p] ? "true" : "false");
         else
             std::printf("%-5d %s\n", p, map.mounted[p] ? "yes" : "no");
+        first = false;
     }
-    if (o.json)
-        std::printf("%s]}\n", json.c_str());
-    return done;
+    if (out.json())
+        std::fputs("]}", out.file());
+    return out.finish();
 }
 
-int part(daemon_link &link, const options &o, const std::string &disk, int number) {
-    sddb_part_info p{};
-    if (int s = partition_details(link, o, disk, number, &p); s != done)
+int part(daemon_link &link, const options &o, const char *disk, int number) {
+    reply_buffer reply;
+    if (int s = partition_details(link, o, disk, number, &reply); s != done)
         return s;
-    if (o.json) {
-        std::printf("%s\n", part_json(number, p).c_str());
-    } else {
-        print_part_header();
-        print_part_row(number, p);
-    }
-    return done;
+    output out(o.json);
+    if (!out.json())
+        reply_partition_header(stdout);
+    reply_show_partition(out.file(), number, reply.data, reply.size, out.how());
+    return out.finish();
 }
 
-int mount_command(daemon_link &link, const options &o, int32_t kind, const std::string &disk) {
-    std::string reply;
-    if (int s = link.ask(query(kind, disk + std::string(1, '\0')), o.timeout_s, &reply); s != done)
+int mount_command(daemon_link &link, const options &o, int32_t kind, const char *disk) {
+    reply_buffer reply;
+    // The name goes with its terminator: the daemon reads it as a string.
+    if (int s = link.ask(kind, string_view(disk, std::strlen(disk) + 1), o.timeout_s, &reply);
+        s != done)
         return s;
-    if (reply.size() != REPLY_SIZE)
-        return complain("a reply of %zu bytes where %d were due", reply.size(), REPLY_SIZE);
-    int32_t result = 0;
-    std::memcpy(&result, reply.data(), sizeof result);
+    const int result = reply_result(reply.data, reply.size);
+    if (result < 0)
+        return complain("a reply of %zu bytes where %d were due", reply.size, REPLY_SIZE);
     const bool mounting = kind == MNTMG_KIND_MOUNT;
-    if (o.json)
-        std::printf("{\"disk\": %s, \"command\": \"%s\", \"done\": %s}\n",
-                    json_string(disk).c_str(), mounting ? "mount" : "umount",
+    if (o.json) {
+        std::fputs("{\"disk\": ", stdout);
+        reply_json_string(stdout, disk, std::strlen(disk));
+        std::printf(", \"command\": \"%s\", \"done\": %s}\n", mounting ? "mount" : "umount",
                     result == REPLY_DONE ? "true" : "false");
+    }
     if (result == REPLY_DONE) {
         if (!o.json)
-            std::printf(mounting ? "mounted %s\n" : "unmounted %s: safe to remove\n", disk.c_str());
+            std::printf(mounting ? "mounted %s\n" : "unmounted %s: safe to remove\n", disk);
         return done;
     }
     if (mounting)
-        complain("refused: nothing of %s could be mounted", disk.c_str());
+        complain("refused: nothing of %s could be mounted", disk);
     else
         complain("refused: data not yet written to disk, or a partition still busy; try again");
     return refused;
 }
 
 int stop(daemon_link &link) {
-    std::string request = query(RECEIVE_STOP, std::string(124, '\0'));
-    return link.send(request.data(), request.size());
+    char request[128] = {};
+    const int32_t kind = RECEIVE_STOP;
+    std::memcpy(request, &kind, sizeof kind);
+    return link.send(request, sizeof request);
 }
 
-bool to_number(const std::string &text, unsigned long max, unsigned long *value) {
+bool to_number(const char *text, unsigned long max, unsigned long *value) {
     char *end = nullptr;
     errno = 0;
-    *value = std::strtoul(text.c_str(), &end, 10);
-    return !text.empty() && text[0] != '-' && *end == '\0' && errno == 0 && *value <= max;
+    *value = std::strtoul(text, &end, 10);
+    return *text != '\0' && text[0] != '-' && *end == '\0' && errno == 0 && *value <= max;
+}
+
+// "A,B,C" into three 32-bit words.
+bool to_words(const char *text, uint32_t (&words)[3]) {
+    for (size_t i = 0; i < 3; ++i) {
+        char part[16];
+        const char *comma = std::strchr(text, ',');
+        const size_t length =
+            comma != nullptr ? static_cast<size_t>(comma - text) : std::strlen(text);
+        unsigned long n = 0;
+        if ((comma == nullptr) != (i == 2) || length >= sizeof part)
+            return false;
+        std::memcpy(part, text, length);
+        part[length] = '\0';
+        if (!to_number(part, 0xffffffffUL, &n))
+            return false;
+        words[i] = static_cast<uint32_t>(n);
+        text = comma + 1;
+    }
+    return true;
 }
 
 // add and remove with explicit fields, sent exactly as given.
@@ -428,33 +421,30 @@ int explicit_event(daemon_link &link, const options &o, int32_t kind) {
     mntmg_record request{};
     request.kind = kind;
     bool minor_given = false;
-    for (const auto &[key, value] : o.event) {
+    for (size_t i = 0; i < o.event_count; ++i) {
+        const string_view key = o.event[i].key;
+        const char *value = o.event[i].value;
         unsigned long n = 0;
         char *path = key == "--usb"     ? request.usb_path
                      : key == "--scsi"  ? request.scsi_path
                      : key == "--block" ? request.block_path
                                         : nullptr;
         if (path != nullptr) {
-            if (value.size() >= sizeof request.scsi_path)
-                return usage_error(key + " is longer than 127 bytes");
-            std::memcpy(path, value.c_str(), value.size() + 1);
+            if (std::strlen(value) >= sizeof request.scsi_path)
+                return usage_error("%s is longer than 127 bytes", key.data());
+            std::memcpy(path, value, std::strlen(value) + 1);
         } else if (key == "--major" || key == "--minor") {
             if (!to_number(value, 0xffff, &n))
-                return usage_error(key + " takes a number from 0 to 65535");
+                return usage_error("%s takes a number from 0 to 65535", key.data());
             (key == "--major" ? request.major : request.minor) = static_cast<uint16_t>(n);
             minor_given |= key == "--minor";
         } else {
-            unsigned long words[3] = {};
-            const size_t first = value.find(','), second = value.find(',', first + 1);
-            if (first == std::string::npos || second == std::string::npos ||
-                value.find(',', second + 1) != std::string::npos ||
-                !to_number(value.substr(0, first), 0xffffffffUL, &words[0]) ||
-                !to_number(value.substr(first + 1, second - first - 1), 0xffffffffUL, &words[1]) ||
-                !to_number(value.substr(second + 1), 0xffffffffUL, &words[2]))
+            uint32_t words[3] = {};
+            if (!to_words(value, words))
                 return usage_error("--extra takes three numbers: A,B,C");
-            request.extra0 = static_cast<uint32_t>(words[0]);
-            request.extra1 = static_cast<uint32_t>(words[1]);
-            request.extra2 = static_cast<uint32_t>(words[2]);
+            request.extra0 = words[0];
+            request.extra1 = words[1];
+            request.extra2 = words[2];
         }
     }
     if (!minor_given)
@@ -464,22 +454,30 @@ int explicit_event(daemon_link &link, const options &o, int32_t kind) {
 
 // add, remove or uevent from the environment a hotplug helper hands over.
 int environment_event(daemon_link &link, const options &o, const char *action) {
-    std::string vars;
+    size_t size = 0;
     for (char **e = environ; *e != nullptr; ++e)
-        vars.append(*e, std::strlen(*e) + 1);
-    const char *given = uevent_get(vars.data(), vars.size(), "ACTION");
+        size += std::strlen(*e) + 1;
+    kt::heap_ptr<char> vars(static_cast<char *>(std::malloc(size + 1)));
+    if (vars == nullptr)
+        return complain("out of memory");
+    size_t at = 0;
+    for (char **e = environ; *e != nullptr; ++e) {
+        const size_t n = std::strlen(*e) + 1;
+        std::memcpy(vars.get() + at, *e, n);
+        at += n;
+    }
+    const char *given = uevent_get(vars.get(), size, "ACTION");
     if (action == nullptr && (given == nullptr || *given == '\0'))
         return usage_error("no ACTION in the environment");
     mntmg_record request{};
     char error[256] = "";
-    switch (uevent_request(vars.data(), vars.size(), action, o.sysfs.c_str(), &request, error,
-                           sizeof error)) {
+    switch (uevent_request(vars.get(), size, action, o.sysfs, &request, error, sizeof error)) {
     case UEVENT_SEND:
         return link.send(&request, sizeof request);
     case UEVENT_IGNORED:
         return done; // another device, for another helper
     default:
-        return usage_error(error);
+        return usage_error("%s", error);
     }
 }
 
@@ -515,8 +513,7 @@ int listen_events(daemon_link &link, const options &o) {
         char error[256] = "";
         const char *vars = message + header;
         const size_t size = static_cast<size_t>(n) - header;
-        int got =
-            uevent_request(vars, size, nullptr, o.sysfs.c_str(), &request, error, sizeof error);
+        int got = uevent_request(vars, size, nullptr, o.sysfs, &request, error, sizeof error);
         const char *name = uevent_get(vars, size, "DEVNAME");
         if (got == UEVENT_BAD)
             complain("%s", error);
@@ -530,56 +527,57 @@ int listen_events(daemon_link &link, const options &o) {
 }
 
 int run(const options &o) {
-    const std::vector<std::string> &w = o.words;
-    const std::string command = w.empty() ? "" : w[0];
-    const size_t arguments = w.size() - (w.empty() ? 0 : 1);
+    const char *command = o.word_count > 0 ? o.words[0] : "";
+    const size_t arguments = o.word_count > 0 ? o.word_count - 1 : 0;
     struct shape {
         const char *name;
         size_t arguments;
     };
-    static const shape shapes[] = {{"list", 0},   {"info", 1},   {"parts", 1}, {"part", 2},
-                                   {"mount", 1},  {"umount", 1}, {"stop", 0},  {"add", 0},
-                                   {"remove", 0}, {"uevent", 0}, {"listen", 0}};
+    static constexpr shape shapes[] = {{"list", 0},   {"info", 1},   {"parts", 1}, {"part", 2},
+                                       {"mount", 1},  {"umount", 1}, {"stop", 0},  {"add", 0},
+                                       {"remove", 0}, {"uevent", 0}, {"listen", 0}};
     const shape *found = nullptr;
     for (const shape &s : shapes)
-        if (command == s.name)
+        if (std::strcmp(command, s.name) == 0)
             found = &s;
     if (found == nullptr)
-        return usage_error(command.empty() ? "no command given" : "unknown command: " + command);
+        return *command == '\0' ? usage_error("no command given")
+                                : usage_error("unknown command: %s", command);
     if (arguments != found->arguments)
-        return usage_error(command + " takes " + std::to_string(found->arguments) +
-                           " argument(s), not " + std::to_string(arguments));
-    const bool events = command == "add" || command == "remove";
-    if (!o.event.empty() && !events)
+        return usage_error("%s takes %zu argument(s), not %zu", command, found->arguments,
+                           arguments);
+    const string_view name = command;
+    const bool events = name == "add" || name == "remove";
+    if (o.event_count > 0 && !events)
         return usage_error("the event options go with add and remove only");
-    const std::string disk = arguments > 0 ? w[1] : "";
-    const bool mounting = command == "mount" || command == "umount";
-    if (arguments > 0 && !is_disk(disk) && !(mounting && disk == "all"))
-        return usage_error("not a disk name: " + disk + " (sda ... sdz" +
-                           (mounting ? ", or all)" : ")"));
+    const char *disk = arguments > 0 ? o.words[1] : "";
+    const bool mounting = name == "mount" || name == "umount";
+    if (arguments > 0 && !is_disk(disk) && !(mounting && std::strcmp(disk, "all") == 0))
+        return usage_error("not a disk name: %s (sda ... sdz%s", disk,
+                           mounting ? ", or all)" : ")");
     unsigned long number = 0;
-    if (command == "part" && !to_number(w[2], 15, &number))
-        return usage_error("not a partition number from 0 to 15: " + w[2]);
+    if (name == "part" && !to_number(o.words[2], 15, &number))
+        return usage_error("not a partition number from 0 to 15: %s", o.words[2]);
 
     daemon_link link;
-    if (command == "list")
+    if (name == "list")
         return list(link, o);
-    if (command == "info")
+    if (name == "info")
         return info(link, o, disk);
-    if (command == "parts")
+    if (name == "parts")
         return parts(link, o, disk);
-    if (command == "part")
+    if (name == "part")
         return part(link, o, disk, static_cast<int>(number));
     if (mounting)
-        return mount_command(link, o, command == "mount" ? MNTMG_KIND_MOUNT : MNTMG_KIND_UNMOUNT,
+        return mount_command(link, o, name == "mount" ? MNTMG_KIND_MOUNT : MNTMG_KIND_UNMOUNT,
                              disk);
-    if (command == "stop")
+    if (name == "stop")
         return stop(link);
-    if (command == "listen")
+    if (name == "listen")
         return listen_events(link, o);
-    if (!o.event.empty())
-        return explicit_event(link, o, command == "add" ? MNTMG_KIND_ADD : MNTMG_KIND_REMOVE);
-    return environment_event(link, o, command == "uevent" ? nullptr : command.c_str());
+    if (o.event_count > 0)
+        return explicit_event(link, o, name == "add" ? MNTMG_KIND_ADD : MNTMG_KIND_REMOVE);
+    return environment_event(link, o, name == "uevent" ? nullptr : command);
 }
 
 } // namespace
@@ -587,7 +585,7 @@ int run(const options &o) {
 int main(int argc, char **argv) {
     options o;
     for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
+        const string_view arg = argv[i];
         const bool valued = arg == "--timeout" || arg == "--sysfs" || arg == "--major" ||
                             arg == "--minor" || arg == "--usb" || arg == "--scsi" ||
                             arg == "--block" || arg == "--extra";
@@ -602,7 +600,7 @@ int main(int argc, char **argv) {
         if (arg == "--json") {
             o.json = true;
         } else if (valued && i + 1 >= argc) {
-            return usage_error(arg + " needs a value");
+            return usage_error("%s needs a value", argv[i]);
         } else if (arg == "--timeout") {
             unsigned long seconds = 0;
             if (!to_number(argv[++i], 86400, &seconds) || seconds == 0)
@@ -611,11 +609,15 @@ int main(int argc, char **argv) {
         } else if (arg == "--sysfs") {
             o.sysfs = argv[++i];
         } else if (valued) {
-            o.event.emplace_back(arg, argv[++i]);
+            if (o.event_count == max_event_options)
+                return usage_error("more than %zu event options", max_event_options);
+            o.event[o.event_count++] = {arg, argv[++i]};
         } else if (arg.size() > 1 && arg[0] == '-') {
-            return usage_error("unknown option: " + arg);
+            return usage_error("unknown option: %s", argv[i]);
         } else {
-            o.words.push_back(arg);
+            if (o.word_count < max_words)
+                o.words[o.word_count] = argv[i];
+            ++o.word_count;
         }
     }
     return run(o);

@@ -2,49 +2,60 @@
 #include "client/uevent.h"
 
 #include <climits>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <unistd.h>
 
 namespace {
 
 constexpr size_t path_field = sizeof(mntmg_record::scsi_path);
 
-int fail(char *error, size_t size, const std::string &text) {
-    if (error != nullptr && size > 0)
-        std::snprintf(error, size, "%s", text.c_str());
+__attribute__((format(printf, 3, 4))) int fail(char *error, size_t size, const char *format, ...) {
+    if (error != nullptr && size > 0) {
+        va_list args;
+        va_start(args, format);
+        std::vsnprintf(error, size, format, args);
+        va_end(args);
+    }
     return UEVENT_BAD;
 }
 
-std::string basename_of(const char *path) {
+const char *basename_of(const char *path) {
     const char *slash = std::strrchr(path, '/');
     return slash != nullptr ? slash + 1 : path;
 }
 
-bool has(const std::string &dir, const char *attribute) {
-    return access((dir + "/" + attribute).c_str(), F_OK) == 0;
+bool has(const char *dir, const char *attribute) {
+    char path[PATH_MAX];
+    return std::snprintf(path, sizeof path, "%s/%s", dir, attribute) <
+               static_cast<int>(sizeof path) &&
+           access(path, F_OK) == 0;
 }
 
-// The nearest directory above `dir`, up to but not including `root`, that holds all of
-// `attributes` (null-terminated); "" when none does.
-std::string nearest(std::string dir, const std::string &root, const char *const *attributes) {
-    for (size_t cut; (cut = dir.rfind('/')) != std::string::npos && cut > root.size();) {
-        dir.erase(cut);
+// The nearest directory above `device`, below `root` (of `root_length` bytes), that holds all
+// of `attributes` (null-terminated), into `out`; "" when none does.
+void nearest(const char *device, size_t root_length, const char *const *attributes,
+             char (&out)[PATH_MAX]) {
+    std::snprintf(out, sizeof out, "%s", device);
+    for (char *cut; (cut = std::strrchr(out, '/')) != nullptr &&
+                    static_cast<size_t>(cut - out) > root_length;) {
+        *cut = '\0';
         bool all = true;
         for (const char *const *a = attributes; *a != nullptr && all; ++a)
-            all = has(dir, *a);
+            all = has(out, *a);
         if (all)
-            return dir;
+            return;
     }
-    return "";
+    out[0] = '\0';
 }
 
-bool put_path(char (&field)[path_field], const std::string &path) {
-    if (path.size() >= path_field)
+bool put_path(char (&field)[path_field], const char *path) {
+    size_t n = std::strlen(path);
+    if (n >= path_field)
         return false;
-    std::memcpy(field, path.c_str(), path.size() + 1);
+    std::memcpy(field, path, n + 1);
     return true;
 }
 
@@ -75,6 +86,9 @@ const char *uevent_get(const char *vars, size_t size, const char *key) {
     for (size_t at = 0; at < size;) {
         const char *var = vars + at;
         const size_t length = strnlen(var, size - at);
+        // A last variable without its NUL is not read past the end.
+        if (length == size - at)
+            return nullptr;
         if (length > key_length && std::strncmp(var, key, key_length) == 0 &&
             var[key_length] == '=')
             return var + key_length + 1;
@@ -98,14 +112,14 @@ int uevent_request(const char *vars, size_t size, const char *action, const char
     const char *devname = uevent_get(vars, size, "DEVNAME");
     const char *mdev = uevent_get(vars, size, "MDEV");
     const char *devpath = uevent_get(vars, size, "DEVPATH");
-    const std::string name = devname != nullptr   ? basename_of(devname)
-                             : mdev != nullptr    ? mdev
-                             : devpath != nullptr ? basename_of(devpath)
-                                                  : "";
-    if (name.empty())
+    const char *name = devname != nullptr   ? basename_of(devname)
+                       : mdev != nullptr    ? mdev
+                       : devpath != nullptr ? basename_of(devpath)
+                                            : "";
+    if (*name == '\0')
         return fail(error, error_size, "no device name (DEVNAME, MDEV or DEVPATH)");
     uint16_t id = 0;
-    if (uevent_disk_id(name.c_str(), &id) != 0)
+    if (uevent_disk_id(name, &id) != 0)
         return UEVENT_IGNORED;
     const char *major = uevent_get(vars, size, "MAJOR");
     char *end = nullptr;
@@ -120,19 +134,24 @@ int uevent_request(const char *vars, size_t size, const char *action, const char
     if (out->kind == MNTMG_KIND_REMOVE)
         return UEVENT_SEND;
     if (devpath == nullptr)
-        return fail(error, error_size, "no DEVPATH for " + name);
-    char root[PATH_MAX], dir[PATH_MAX];
+        return fail(error, error_size, "no DEVPATH for %s", name);
+    char root[PATH_MAX], joined[PATH_MAX], device[PATH_MAX];
     if (realpath(sysfs, root) == nullptr ||
-        realpath((std::string(sysfs) + "/" + devpath).c_str(), dir) == nullptr)
-        return fail(error, error_size, std::string("DEVPATH ") + devpath + " leads nowhere");
-    const std::string top(root), device(dir);
-    if (device.compare(0, top.size() + 1, top + "/") != 0)
-        return fail(error, error_size, std::string("DEVPATH ") + devpath + " leads out of " + top);
+        std::snprintf(joined, sizeof joined, "%s/%s", sysfs, devpath) >=
+            static_cast<int>(sizeof joined) ||
+        realpath(joined, device) == nullptr)
+        return fail(error, error_size, "DEVPATH %s leads nowhere", devpath);
+    const size_t top = std::strlen(root);
+    if (std::strncmp(device, root, top) != 0 || device[top] != '/')
+        return fail(error, error_size, "DEVPATH %s leads out of %s", devpath, root);
     static const char *const usb[] = {"idVendor", nullptr};
     static const char *const scsi[] = {"vendor", "model", nullptr};
-    if (!put_path(out->usb_path, nearest(device, top, usb)) ||
-        !put_path(out->scsi_path, nearest(device, top, scsi)) || !put_path(out->block_path, device))
-        return fail(error, error_size, "a sysfs path of " + name + " is too long for a request");
+    char usb_dir[PATH_MAX], scsi_dir[PATH_MAX];
+    nearest(device, top, usb, usb_dir);
+    nearest(device, top, scsi, scsi_dir);
+    if (!put_path(out->usb_path, usb_dir) || !put_path(out->scsi_path, scsi_dir) ||
+        !put_path(out->block_path, device))
+        return fail(error, error_size, "a sysfs path of %s is too long for a request", name);
     return UEVENT_SEND;
 }
 
