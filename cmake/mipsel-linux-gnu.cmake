@@ -1,4 +1,5 @@
-# Cross build for the appliance: 32-bit MIPS little-endian, Debian's mipsel-linux-gnu toolchain.
+# Cross build for the appliance: 32-bit MIPS little-endian, Debian's mipsel-linux-gnu toolchain,
+# linked against the shared C library as on the appliance (the mipsel preset adds -static).
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR mipsel)
 
@@ -11,6 +12,5 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Static binaries run under qemu-user without a target root file system.
-set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-mipsel-static)
+# qemu-user runs the programs; a dynamic one finds the mipsel C library and its loader there.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-mipsel-static -L /usr/mipsel-linux-gnu)

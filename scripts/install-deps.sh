@@ -9,7 +9,14 @@ packages=(
   g++-mipsel-linux-gnu qemu-user-static
   util-linux mount fdisk e2fsprogs dosfstools mtools disktype ntfs-3g tar
   file
+  musl-tools musl-dev:mipsel
 )
+
+# The appliance's 32-bit MIPS little-endian target: musl's mipsel C library comes from Debian's
+# mipsel architecture, which dpkg must know before its packages can be installed.
+foreign_arch_missing() {
+  ! dpkg --print-foreign-architectures | grep -qx mipsel
+}
 
 missing=()
 for p in "${packages[@]}"; do
@@ -30,5 +37,8 @@ fi
 
 echo "install-deps: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+if foreign_arch_missing; then
+  dpkg --add-architecture mipsel
+fi
 apt-get update -qq
 apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
