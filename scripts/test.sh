@@ -3,8 +3,11 @@
 #
 # Steps: native g++ build with its unit tests and the black-box suite of its daemon; clang
 # build; clang ASan+UBSan and TSan builds with their unit tests and the daemon's whole cycles;
-# the mipsel cross build with its unit tests under qemu-mipsel-static; the sandbox's own tests;
-# the README's demonstration. A failing step does not stop the later ones; any failure fails the run.
+# the mipsel cross build with its unit tests under qemu-mipsel-static; the builds as for the
+# appliance (native and mipsel, C library only, the mipsel one within its size budget); musl
+# builds, the native one with the whole black-box suite, the mipsel one with its unit tests
+# under qemu; the sandbox's own tests; the README's demonstration. A failing step does not stop
+# the later ones; any failure fails the run.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -32,6 +35,7 @@ cmake_variant() {
     cmake --preset "$preset" >/dev/null &&
         cmake --build --preset "$preset" -j "$jobs" >"$results/build-$preset.log" 2>&1 ||
         { tail -n 40 "$results/build-$preset.log"; return 1; }
+    grep -h 'bytes stripped' "$results/build-$preset.log" | sed 's/^/  /' || true
     [ "$run_tests" = yes ] || return 0
     reports+=("$results/ctest-$preset.xml")
     local status=0 dir=build
@@ -49,6 +53,12 @@ step "clang++ build" cmake_variant clang no
 step "AddressSanitizer + UBSan (clang++)" cmake_variant asan
 step "ThreadSanitizer (clang++)" cmake_variant tsan
 step "mipsel-linux-gnu under qemu" cmake_variant mipsel
+# The programs' link checks (C library only, no C++ runtime, the appliance's size budget) fail
+# these builds when they do not hold.
+step "release build (native, as for the appliance)" cmake_variant release no
+step "appliance build (mipsel-release, size budget)" cmake_variant mipsel-release no
+step "musl, static, with the black-box suite" cmake_variant musl
+step "mipsel musl under qemu" cmake_variant mipsel-musl
 
 reports+=("$results/pytest.xml")
 step "pytest (the sandbox)" /usr/bin/python3 -m pytest -q -p no:cacheprovider \
