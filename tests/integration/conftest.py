@@ -378,8 +378,16 @@ class LoopDisk:
         subprocess.run(f"truncate -s {size} {image} && " + make.replace("IMG", str(image)),
                        shell=True, check=True, capture_output=True)
         number = self.minor(partition)
-        subprocess.run(["losetup", *(["-r"] if ro else []), f"/dev/loop{number}", str(image)],
-                       check=True)
+        # A device detached while something still held it is released only on the last close,
+        # which may come a moment later: wait for that rather than fail.
+        for _ in range(50):
+            attach = subprocess.run(["losetup", *(["-r"] if ro else []), f"/dev/loop{number}",
+                                     str(image)], capture_output=True, text=True)
+            if attach.returncode == 0:
+                break
+            time.sleep(0.1)
+        assert attach.returncode == 0, attach.stderr + subprocess.run(
+            ["losetup", "-l"], capture_output=True, text=True).stdout
         self.loops.append(number)
 
     def event(self, kind, partition, major=7):
