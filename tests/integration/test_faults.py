@@ -1,0 +1,301 @@
+"""Faults from outside the daemon: killed while it rewrites its letter file, full and read-only
+file systems, scripts that are missing, tools and programs that hang or flood their output, a
+disk gone before it is probed, and a flood of hostile datagrams. Through each it does what its
+rules say, keeps answering, and keeps no descriptor or child it should not. Figures go to the
+test log as "[ figures ]" lines."""
+import os
+import random
+import re
+import socket
+import struct
+import subprocess
+import threading
+import time
+from pathlib import Path
+
+from conftest import BUILD, SERVER, SHARE, calls, need_sandbox, request, settings, wait_for, write
+
+SANITIZED = re.search(r"(asan|tsan)", BUILD.name) is not None
+CRIT = 26  # LOG_DAEMON | LOG_CRIT
+CONF = Path("/etc/sysconfig/system.conf")
+TMP = "/etc/sysconfig/dev"
+LETTERS = [f"DRIVE_LETTER{chr(ord('A') + i)}" for i in range(26)]
+
+
+def held(pid):
+    """The daemon's open descriptors, and its children with their names."""
+    children = {}
+    for entry in os.listdir("/proc"):
+        try:
+            stat = Path(f"/proc/{entry}/stat").read_text()
+            if int(stat.rsplit(")", 1)[1].split()[1]) == pid:
+                children[int(entry)] = stat.split("(", 1)[1].rsplit(")", 1)[0]
+        except (OSError, ValueError, IndexError):
+            pass
+    return len(os.listdir(f"/proc/{pid}/fd")), children
+
+
+def inode(path):
+    """The inode of `path`, or None: the daemon replaces a stale socket as this looks."""
+    try:
+        return os.stat(path).st_ino
+    except OSError:
+        return None
+
+
+def partition_map(client, disk):
+    count, *rest = struct.unpack("<I16B16B", client.ask(request(103, disk.encode())))
+    return count, rest[:16], rest[16:]
+
+
+# Other programs' lines around the letters make a rewrite last long enough to be caught at it.
+PADDING = "".join(f"# setting {n} of another program\n" for n in range(3000))
+
+
+def fresh_letter_file():
+    CONF.write_text("".join(f"{key}=\n" for key in LETTERS) + PADDING)
+
+
+def letter_file():
+    """The letter file as key -> value; fails unless it is whole: the 26 keys, one a line, and
+    every other line as it was."""
+    text = CONF.read_text()
+    keys, padding = text[:-len(PADDING)].split("\n"), text[-len(PADDING):]
+    assert padding == PADDING and keys[-1] == "" and len(keys) == 27, text[:2000]
+    pairs = dict(line.split("=", 1) for line in keys[:-1])
+    assert list(pairs) == LETTERS
+    return pairs
+
+
+def test_killed_while_rewriting_letters(start, client, tmp_path, report):
+    """SIGKILL at random moments of a letter file rewrite: the file is always whole, the old or
+    the new one, and each restarted daemon takes the stale socket and pid file over."""
+    need_sandbox()
+    kills = int(os.environ.get("HOTPLUGD_KILLS", 100 if SANITIZED else 1000))
+    settings(tmpdir=TMP)  # the rewrite's temporary file beside the file
+    usb = tmp_path / "usb"
+    usb.mkdir()
+    mid_rewrite = torn = 0
+    for kill in range(kills):
+        if kill % 26 == 0:  # a full file takes no new letter: start again
+            fresh_letter_file()
+            expected = letter_file()
+        serial = f"K{kill:04d}"
+        (usb / "serial").write_text(serial + "\n")
+        stale = inode(SERVER)
+        d = start("-f", rom="null", wait=False)
+        assert wait_for(lambda: inode(SERVER) not in (None, stale) or d.proc.poll() is not None,
+                        10, 0.001), "not up"
+        client.send(request(1, minor=16 * 25 + 1, major=7, usb=str(usb)))
+        # Killed while it probes, or as its rewrite begins, or within the next few hundred
+        # microseconds, or once it is done.
+        moment = random.random()
+        if moment > 0.3:
+            wait_for(lambda: any(n.startswith("conf.tmp.") for n in os.listdir(TMP)), 0.5, 0)
+        time.sleep(0 if moment < 0.5 else (moment - 0.5) * 0.0006 if moment < 0.9 else 0.01)
+        d.proc.kill()
+        d.proc.wait()
+        left = [n for n in os.listdir(TMP) if n.startswith("conf.tmp.")]
+        mid_rewrite += bool(left)
+        for name in left:  # the daemon leaves its temporary file when it is killed
+            os.unlink(f"{TMP}/{name}")
+        now = letter_file()
+        changed = {k for k in now if now[k] != expected[k]}
+        torn += not (changed == set() or len(changed) == 1 and now[changed.pop()] == serial)
+        expected = now
+        assert Path("/var/run/hotplugd.pid").read_text() == f"{d.proc.pid}\n"
+        d.closed = True  # killed already; its stale socket stays for the next one
+        d.log.close()
+        os.close(d.pty)
+    assert torn == 0
+    # The letters stay: a remembered serial gets its letter back from the next daemon.
+    remembered = next(k for k, v in letter_file().items() if v)
+    (usb / "serial").write_text(letter_file()[remembered] + "\n")
+    stale = inode(SERVER)
+    d = start("-f", rom="null", wait=False)
+    assert wait_for(lambda: inode(SERVER) not in (None, stale), 10)
+    client.send(request(1, minor=16 * 25 + 1, major=7, usb=str(usb)))
+    reply = wait_for(lambda: client.ask(request(104, b"\x01sdz")), 10)
+    assert reply[128:128 + 9] == f"Drive-{remembered[-1]}1\0".encode()
+    report(f"letter file: {kills} SIGKILLs, {mid_rewrite} with a rewrite under way, "
+           f"{torn} torn files")
+
+
+# Outside programs that misbehave, chosen by the device node they are given.
+DISKTYPE = """#!/bin/sh
+case $1 in
+    */sdx1) echo $$ >> /tmp/stuck; exec sleep 600 ;;
+    */sdx[23]) echo "FAT32 file system" ;;
+    *) exec /usr/bin/disktype "$@" ;;
+esac
+"""
+MLABEL = """#!/bin/sh
+case $2 in
+    */sdx2) exec yes ;;
+    */sdx3) exec >&-; echo $$ >> /tmp/stuck; exec sleep 600 ;;
+esac
+"""
+
+
+def test_misbehaving_tools_and_programs(disks, start, client, tmp_path, report):
+    """disktype that hangs, mlabel that floods its output or closes it and hangs (each given 8
+    s), a disk gone before it is probed, and an event program that hangs (15 s): everything
+    else goes on, and what stays behind afterwards is only the programs still hanging."""
+    need_sandbox()
+    write(tmp_path / "bin" / "disktype", DISKTYPE, 0o755)
+    write(tmp_path / "bin" / "mlabel", MLABEL, 0o755)
+    settings()
+    write("/tmp/hook", "#!/bin/sh\n[ -e /tmp/hook-ran ] && exit\ntouch /tmp/hook-ran\n"
+          "echo $$ >> /tmp/stuck\nexec sleep 600\n", 0o755)  # stuck on its first call only
+    sdx = disks("x")
+    for partition in (1, 2, 3, 5):
+        sdx.plug(partition)  # ext2 images; partition 4 has no device at all
+    d = start(path=tmp_path / "bin")
+    fds, children = held(d.proc.pid)
+    began = time.monotonic()
+    for partition in (1, 2, 3, 4, 5):
+        client.send(sdx.event(1, partition))
+    assert wait_for(lambda: "hotplug mount sdx5" in d.lines(), 40)
+    probing = time.monotonic() - began
+    assert 24.0 <= probing < 27.0, "8 s for each tool that hangs, no more"
+    assert wait_for(lambda: partition_map(client, "sdx")[0] == 5, 5), "all five recorded"
+    count, present, mounted = partition_map(client, "sdx")
+    # Unknown to disktype or gone: tried as each file system (ext2 takes 1 and 5). Told FAT32:
+    # mounted as FAT only, which fails on ext2. The vanished partition 4 mounts as nothing.
+    assert mounted[1:6] == [1, 0, 0, 0, 1]
+    assert [c.split("|")[0] for c in calls() if c.startswith("usbmount")] == [
+        f"usbmount add sdx {p} ext2 {SHARE}/Drive-{p}" for p in (1, 5)]
+    hook_started = time.monotonic()  # AFTERMNT began with the records' mark
+    assert client.ask(request(3, b"sdx"), 25) == bytes(128), "BEFOREMNT waited out, then done"
+    assert 14.0 <= time.monotonic() - hook_started < 17.0
+    for _ in range(5):  # each pass of the request server reaps one ended child
+        client.ask(request(101))
+    fds_after, children_after = held(d.proc.pid)
+    stuck = {int(pid) for pid in Path("/tmp/stuck").read_text().split()}
+    assert fds_after == fds, "no descriptor kept"
+    assert set(children_after) - set(children) == stuck, children_after
+    report(f"misbehaving tools: probing took {probing:.1f} s for three 8 s limits; "
+           f"{fds_after} descriptors before and after; left running by design: "
+           f"{len(stuck)} (the hung disktype, mlabel and event program)")
+    os.system("kill $(cat /tmp/stuck)")
+
+
+def test_file_systems_and_scripts_that_fail(disks, start, client, report):
+    """A letter file rewrite on a full TMPDIR, a missing add script, a directory in its place
+    with a read-only share directory: each as the rules say, and the daemon goes on."""
+    need_sandbox()
+    sdy = disks("y", serial="FULL1")
+    for partition in (1, 2, 3):
+        sdy.plug(partition)
+    os.makedirs("/tmp/full", exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k", "full", "/tmp/full"], check=True)
+    # Bigger than the 4 KiB that TMPDIR holds: the rewrite runs out of room.
+    CONF.write_text("DRIVE_LETTERA=\n#" + "x" * 8192 + "\n")
+    before = CONF.read_text()
+
+    def full_tmpdir(d):
+        assert wait_for(lambda: [t for p, t in d.texts() if p == CRIT] ==
+                        ["sys config write(/etc/sysconfig/system.conf)\n"], 10)
+        assert CONF.read_text() == before, "the old file stays whole"
+        return partition_map(client, "sdy")[0] == 0  # not taken into service
+
+    def no_script():
+        os.unlink("/etc/scripts/usbmount_helper.sh")
+
+    def share_read_only():
+        os.unlink("/etc/scripts/usbmount_helper.sh")
+        os.mkdir("/etc/scripts/usbmount_helper.sh")
+        subprocess.run(["mount", "-o", "remount,ro", SHARE], check=True)
+
+    try:
+        for partition, args, tmpdir, prepare, mounted in [
+                (1, ["-f"], "/tmp/full", None, None),
+                (2, [], "/tmp/dev", no_script, 1),  # mounted all the same
+                (3, [], "/tmp/dev", share_read_only, 0)]:  # listed, unmounted, no script
+            settings(tmpdir=tmpdir)
+            if prepare:
+                prepare()
+            d = start(*args, rom="null")
+            fds, children = held(d.proc.pid)
+            client.send(sdy.event(1, partition))
+            if mounted is None:
+                assert full_tmpdir(d)
+            else:
+                assert wait_for(lambda: partition_map(client, "sdy")[0] == 1, 10)
+                assert partition_map(client, "sdy")[2][partition] == mounted
+            # Once the batch is over and its event program ran, nothing is kept.
+            assert wait_for(lambda: sum(c.startswith("prog") for c in calls()) == partition, 5)
+            time.sleep(0.3)
+            assert held(d.proc.pid) == (fds, children), "no descriptor or child kept"
+            d.close()
+        assert [c for c in calls() if c.startswith("usbmount")] == []
+        report(f"failing file systems and scripts: {fds} descriptors before and after, no "
+               f"child left")
+    finally:
+        subprocess.run(["umount", "-l", "/tmp/full"])
+        subprocess.run(["mount", "-o", "remount,rw", SHARE])
+        if os.path.isdir("/etc/scripts/usbmount_helper.sh"):
+            os.rmdir("/etc/scripts/usbmount_helper.sh")
+
+
+def rss_kib(pid):
+    return int(re.search(r"VmRSS:\s+(\d+)", Path(f"/proc/{pid}/status").read_text())[1])
+
+
+def hostile(rng):
+    """One datagram of a flood: random bytes, any kind cut short or too long, adds and removes
+    of absent devices, client commands with odd names."""
+    kind = rng.choice([1, 2, 3, 4, 101, 102, 103, 104, 0, -1, 998, 1000])
+    shape = rng.randrange(5)
+    if shape == 0:
+        return rng.randbytes(rng.randrange(0, 2000))
+    if shape == 1 and kind in (1, 2):
+        return request(kind, minor=rng.randrange(0, 1 << 16), major=rng.randrange(0, 300),
+                       usb="/sys/" + "x" * rng.randrange(200), extra=(1, 2, 3))
+    name = rng.choice([b"sda", b"all", b"sd{", b"\xff\xfe", b"sdz" * 400, b"", b"../../x"])
+    return struct.pack("<i", kind) + name + rng.randbytes(rng.randrange(0, 64))
+
+
+def test_flood_of_hostile_datagrams(start, client, tmp_path, report):
+    """100,000 hostile datagrams from four non-blocking senders: the daemon stays up and
+    answers during the flood and after it."""
+    need_sandbox()
+    settings(dmount=3600)  # adds wait their hour in the queue: the flood's cost is memory
+    d = start()
+    rss_before = rss_kib(d.proc.pid)
+    total, taken = 100_000 if not SANITIZED else 20_000, [0] * 4
+
+    def sender(n):
+        rng = random.Random(n)
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        s.setblocking(False)
+        for _ in range(total // 4):
+            try:
+                s.sendto(hostile(rng), SERVER)
+                taken[n] += 1
+            except (BlockingIOError, OSError):
+                pass
+        s.close()
+
+    threads = [threading.Thread(target=sender, args=(n,)) for n in range(4)]
+    began = time.monotonic()
+    for t in threads:
+        t.start()
+    latencies = []
+    while any(t.is_alive() for t in threads):
+        asked = time.monotonic()
+        if client.ask(request(101), 10) is not None:
+            latencies.append(time.monotonic() - asked)
+    flood = time.monotonic() - began
+    for t in threads:
+        t.join()
+    assert latencies, "answered during the flood"
+    assert client.ask(request(103, b"sdb"), 10) is not None, "answering after the flood"
+    assert d.proc.poll() is None
+    rss_after = rss_kib(d.proc.pid)
+    latencies.sort()
+    report(f"flood: {sum(taken)} of {total} datagrams taken in {flood:.1f} s; query p50 "
+           f"{latencies[len(latencies) // 2] * 1e6:.0f} us, p99 "
+           f"{latencies[len(latencies) * 99 // 100] * 1e6:.0f} us during it "
+           f"({len(latencies)} queries); resident {rss_before} KiB before, {rss_after} KiB after")
+    d.close()
