@@ -5,6 +5,7 @@
 #include "lib/kt_internal.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -217,6 +218,19 @@ void kt_cfg_release_string(char *value) {
     std::free(value);
 }
 
+// Hardened rewrites: makes the entries of the directory holding `file` durable; 0 or -1.
+static int sync_directory_of(const char *file) {
+    const char *slash = std::strrchr(file, '/');
+    char dir[PATH_MAX];
+    if (slash == nullptr)
+        std::snprintf(dir, sizeof dir, ".");
+    else if (std::snprintf(dir, sizeof dir, "%.*s", static_cast<int>(slash - file + 1), file) >=
+             static_cast<int>(sizeof dir))
+        return -1;
+    kt::unique_fd fd(open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.get() >= 0 && fsync(fd.get()) == 0 ? 0 : -1;
+}
+
 int kt_cfg_set_strings(const char *path, const char *tmp_dir, const ktmap *pairs) {
     if (path == nullptr || tmp_dir == nullptr || pairs == nullptr || pairs->list == nullptr)
         return -EINVAL;
@@ -259,11 +273,17 @@ int kt_cfg_set_strings(const char *path, const char *tmp_dir, const ktmap *pairs
     if (flushed != 0)
         return flushed;
     // No fsync: the configuration directory is rebuilt from the ROM at boot, and the ROM
-    // store that follows a rewrite is what makes a change last.
+    // store that follows a rewrite is what makes a change last. Hardened: a power cut can
+    // come before that store, and many file systems then show the renamed file empty or not at
+    // all, so the data reaches the disk before the rename and the new name after it.
+    if (kt::hardened && fsync(tmp.get()) != 0)
+        return -EIO;
     if (std::rename(tmp_name.get(), path) != 0) {
         syslog(LOG_CRIT, "Rename config file fail master %s tmp %s", path, tmp_name.get());
         return -1;
     }
+    if (kt::hardened)
+        return sync_directory_of(path) == 0 && sync_directory_of(tmp_name.get()) == 0 ? 0 : -EIO;
     return 0;
 }
 

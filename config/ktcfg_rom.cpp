@@ -22,6 +22,9 @@ int run_archiver(const char *rom, const char *dir, archive_mode mode) {
     // Formatted before fork, since the child of a threaded process keeps to plain system calls.
     char command[64];
     std::snprintf(command, sizeof command, "/bin/tar cf %s *", rom);
+    // Hardened: the ROM path reaches tar as a word of its own, and "--" keeps an entry whose
+    // name starts with "-" from being read as one of tar's options; the archive is the same.
+    const char *hardened_command = "exec /bin/tar cf \"$0\" -- *";
 
     pid_t pid = fork();
     if (pid < 0)
@@ -37,16 +40,18 @@ int run_archiver(const char *rom, const char *dir, archive_mode mode) {
         if (mode == archive_mode::load)
             execl("/bin/tar", "tar", "xf", rom, static_cast<char *>(nullptr));
         else
-            execl("/bin/sh", "sh", "-c", command, static_cast<char *>(nullptr));
+            execl("/bin/sh", "sh", "-c", kt::hardened ? hardened_command : command,
+                  kt::hardened ? rom : static_cast<char *>(nullptr), static_cast<char *>(nullptr));
         _exit(1);
     }
 
     // wait() for any child, not waitpid() for this one: deliberate and kept as the appliance
     // has always done it. Its price: a caller with another child that ends first (a hook
     // program left running past its time limit, say) gets that child's status here while tar
-    // may still be writing. Callers keep no other child running while they store.
+    // may still be writing. Callers keep no other child running while they store. Hardened:
+    // tar's own status, always.
     int status = 0;
-    while (wait(&status) < 0) {
+    while ((kt::hardened ? waitpid(pid, &status, 0) : wait(&status)) < 0) {
         if (errno != EINTR)
             return -1;
     }

@@ -136,7 +136,9 @@ int run(hotplugd_context *ctx, int write_rom, int fixed_drive, int no_force_sele
     ctx->sddb = sddb_initialize();
     if (ctx->sddb == nullptr)
         return -3;
-    ctx->ipc = ktipc_create_serveripc(server_name, KTIPC_REMOVE_STALE);
+    // Hardened: commands are judged by their senders' credentials (see receive).
+    ctx->ipc = ktipc_create_serveripc(server_name, KTIPC_REMOVE_STALE |
+                                                       (kt::hardened ? KTIPC_PASS_CREDENTIALS : 0));
     if (ctx->ipc == nullptr)
         return -3;
     ctx->mount_args = {&ctx->running,  0,         ctx->queue,  ctx->sddb,       ctx->ipc, {},

@@ -3,10 +3,12 @@
 
 #include "lib/kt_internal.h"
 #include "mount/mount_thread.h"
+#include "registry/sysfs.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <sys/time.h>
 
@@ -19,6 +21,41 @@ constexpr size_t partition_name_offset = 5;
 constexpr size_t disk_name_length = 3;
 constexpr size_t disk_count = 26;
 constexpr int partition_count = 16;
+
+// Hardened: the longest the queue may grow; beyond it requests are dropped. Every partition of
+// all 26 disks added and removed again is 832 requests, so 1024 leaves room for clients' mount
+// and unmount requests, and caps the queue near half a megabyte.
+constexpr int queue_bound = 1024;
+
+// Hardened: who may change what is mounted or stop the daemon (queries are open to all): root,
+// and the members of the group the integrator named at build time (a web interface's, say).
+bool may_command(uid_t uid, gid_t gid) {
+    constexpr long command_gid = HOTPLUGD_COMMAND_GID;
+    return !kt::hardened || uid == 0 ||
+           (command_gid >= 0 && gid == static_cast<gid_t>(command_gid));
+}
+
+// Hardened: an add must be for a disk major, and the block device directory it names must say
+// ("dev") that the device is the node the daemon is about to make. This refuses adds whose
+// numbers name another device than their sysfs paths (the identifier of a disk past "sdp"
+// cannot carry the kernel's numbers). Only root and the command group may send adds at all,
+// and root could mount anything anyway, so the directory is not required to lie in /sys:
+// sysfs trees made for testing pass.
+bool names_its_device(const mntmg_record &request) {
+    if constexpr (!kt::hardened)
+        return true;
+    constexpr unsigned disk_majors[] = {HOTPLUGD_DISK_MAJORS};
+    if (std::find(std::begin(disk_majors), std::end(disk_majors), request.major) ==
+        std::end(disk_majors))
+        return false;
+    kt::field_text block(request.block_path);
+    char dev[32];
+    unsigned major = 0, minor = 0;
+    char end = '\0';
+    return !block.empty() && ktread_filef(dev, sizeof dev, "%s/dev", block.c_str()) >= 0 &&
+           std::sscanf(dev, "%u:%u%c", &major, &minor, &end) >= 2 && (end == '\0' || end == '\n') &&
+           major == request.major && minor == request.minor;
+}
 
 // The reply to a partition map query.
 struct partition_map {
@@ -122,6 +159,9 @@ void queue_request(const receive_thread_args &args, const char *buffer, int32_t 
                    uint16_t minor, const sockaddr_un &sender, socklen_t sender_length) {
     mntmg_record request;
     std::memcpy(&request, buffer, sizeof request);
+    if ((kind == MNTMG_KIND_ADD && !names_its_device(request)) ||
+        (kt::hardened && mntmg_getlen(args.queue) >= queue_bound))
+        return;
     timeval now{};
     if (gettimeofday(&now, nullptr) == 0) {
         request.due_sec = static_cast<uint32_t>(now.tv_sec);
@@ -160,12 +200,19 @@ int receive_thread_run(receive_thread_args *args) {
         std::memset(buffer, 0, sizeof buffer);
         sockaddr_un sender{};
         socklen_t sender_length = sizeof sender;
-        if (ktipc_receive(args->ipc, buffer, sizeof buffer, -1,
-                          reinterpret_cast<sockaddr *>(&sender), &sender_length) <= 0)
+        uid_t uid = 0;
+        gid_t gid = 0;
+        if (ktipc_receive_cred(args->ipc, buffer, sizeof buffer, -1,
+                               reinterpret_cast<sockaddr *>(&sender), &sender_length,
+                               kt::hardened ? &uid : nullptr, kt::hardened ? &gid : nullptr) <= 0)
             continue;
         int32_t kind;
         std::memcpy(&kind, buffer, sizeof kind);
         uint16_t minor = 0;
+        if (kind != RECEIVE_LIST_DISKS && kind != RECEIVE_DISK_INFO &&
+            kind != RECEIVE_PARTITION_MAP && kind != RECEIVE_PARTITION_INFO &&
+            !may_command(uid, gid))
+            continue;
         switch (kind) {
         case RECEIVE_LIST_DISKS:
         case RECEIVE_DISK_INFO:

@@ -16,6 +16,9 @@
 
 namespace kt {
 
+// The hardened build (see docs/SECURITY.md); each hazard is closed where it lives, by this.
+constexpr bool hardened = HOTPLUGD_HARDENED != 0;
+
 struct free_deleter {
     void operator()(void *p) const { std::free(p); }
 };

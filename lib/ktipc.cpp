@@ -1,6 +1,8 @@
 // ktipc: creating, naming, sending on and receiving from Unix datagram channels.
 #include "lib/ktipc.h"
 
+#include "lib/kt_internal.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
@@ -45,7 +47,9 @@ ktipc *fail_create(ktipc *ipc, const char *path) {
     if (ipc->fd != -1)
         close(ipc->fd);
     std::free(ipc);
-    if (path != nullptr)
+    // Hardened: the file was not made here, so it is left alone (a daemon started by mistake
+    // with another's name would otherwise remove that one's socket).
+    if (path != nullptr && !kt::hardened)
         unlink(path);
     return nullptr;
 }
@@ -71,10 +75,14 @@ int ktipc_make_dir(void) {
         struct stat st;
         if (errno != EEXIST || stat(KTIPC_DIR, &st) != 0 || !S_ISDIR(st.st_mode))
             return -1;
+        // Hardened: a directory (or a link to one) that a user made before the daemon would let
+        // that user replace the daemon's socket with one of their own.
+        if (kt::hardened && (lstat(KTIPC_DIR, &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0))
+            return -1;
     }
     // Any local user's client must be able to create its socket here; a failing chmod still
-    // leaves a usable directory for root.
-    chmod(KTIPC_DIR, 0777);
+    // leaves a usable directory for root. Hardened: sticky, so nobody removes another's socket.
+    chmod(KTIPC_DIR, kt::hardened ? 01777 : 0777);
     return 0;
 }
 
@@ -114,6 +122,10 @@ ktipc *ktipc_create(const char *path, int flags) {
         // Clients of any user send to the daemon's socket.
         chmod(path, 0777);
     }
+    const int on = 1;
+    if ((flags & KTIPC_PASS_CREDENTIALS) != 0 &&
+        setsockopt(ipc->fd, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0)
+        return fail_create(ipc, path);
 
     // A send to a peer whose queue is full must fail at once rather than stall the daemon; the
     // fcntl calls cannot fail on a descriptor just made.
@@ -169,6 +181,11 @@ int ktipc_send_addr(ktipc *ipc, const void *buf, size_t len, const struct sockad
 
 int ktipc_receive(ktipc *ipc, void *buf, size_t len, int timeout_ms, struct sockaddr *from,
                   socklen_t *from_len) {
+    return ktipc_receive_cred(ipc, buf, len, timeout_ms, from, from_len, nullptr, nullptr);
+}
+
+int ktipc_receive_cred(ktipc *ipc, void *buf, size_t len, int timeout_ms, struct sockaddr *from,
+                       socklen_t *from_len, uid_t *uid, gid_t *gid) {
     if (ipc == nullptr || buf == nullptr || len == 0)
         return -1;
     // Asking for the sender without room for its length would consume the datagram and fail.
@@ -201,9 +218,33 @@ int ktipc_receive(ktipc *ipc, void *buf, size_t len, int timeout_ms, struct sock
         std::puts("error");
         return -1;
     }
-    if (from == nullptr)
-        from_len = nullptr;
-    return static_cast<int>(recvfrom(ipc->fd, buf, len, 0, from, from_len));
+    if (uid == nullptr && gid == nullptr) {
+        if (from == nullptr)
+            from_len = nullptr;
+        return static_cast<int>(recvfrom(ipc->fd, buf, len, 0, from, from_len));
+    }
+    iovec data{buf, len};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    msghdr message{};
+    message.msg_name = from;
+    message.msg_namelen = from != nullptr ? *from_len : 0;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    const ssize_t n = recvmsg(ipc->fd, &message, 0);
+    if (from != nullptr)
+        *from_len = message.msg_namelen;
+    ucred sender{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+    for (cmsghdr *c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c))
+        if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS &&
+            c->cmsg_len == CMSG_LEN(sizeof sender))
+            std::memcpy(&sender, CMSG_DATA(c), sizeof sender);
+    if (uid != nullptr)
+        *uid = sender.uid;
+    if (gid != nullptr)
+        *gid = sender.gid;
+    return static_cast<int>(n);
 }
 
 } // extern "C"

@@ -14,8 +14,10 @@ extern "C" {
 /* Where every channel's socket file lives. */
 #define KTIPC_DIR "/tmp/ktipc"
 
-/* Bit of the create functions' `flags`: remove a stale socket file left at the path. */
+/* Bits of the create functions' `flags`: remove a stale socket file left at the path; have the
+ * kernel attach each sender's credentials (see ktipc_receive_cred). */
 #define KTIPC_REMOVE_STALE 0x01
+#define KTIPC_PASS_CREDENTIALS 0x02
 
 /* A channel: its socket (-1 when none) and its own bound address (empty path when anonymous).
  * Made by the create functions, released only by ktipc_close. No lock: one receiver, and each
@@ -26,11 +28,13 @@ typedef struct ktipc {
 } ktipc;
 
 /* Makes sure KTIPC_DIR is a directory that anyone may use (mode 0777 whatever the umask);
- * 0, or -1 when it is missing and cannot be made, or is something other than a directory. */
+ * 0, or -1 when it is missing and cannot be made, or is something other than a directory.
+ * Hardened: mode 01777, and one that is not root's own directory is refused. */
 int ktipc_make_dir(void);
 
 /* New non-blocking datagram channel bound to `path` (mode 0777), or anonymous for a null path;
- * null on failure. Any failure once a path was given unlinks that path, whoever owned it. */
+ * null on failure. Any failure once a path was given unlinks that path, whoever owned it
+ * (hardened: never). */
 ktipc *ktipc_create(const char *path, int flags);
 
 /* Channel bound to KTIPC_DIR "/ipc-<name>.sock" (too long a name is cut to fit); null on
@@ -62,6 +66,11 @@ int ktipc_send_addr(ktipc *ipc, const void *buf, size_t len, const struct sockad
  * `from_len` (in/out) may both be null; `from` without `from_len` is an error. */
 int ktipc_receive(ktipc *ipc, void *buf, size_t len, int timeout_ms, struct sockaddr *from,
                   socklen_t *from_len);
+
+/* ktipc_receive, and the sender's user and group as the kernel checked them, on a channel made
+ * with KTIPC_PASS_CREDENTIALS; -1 in both when the datagram came without them. */
+int ktipc_receive_cred(ktipc *ipc, void *buf, size_t len, int timeout_ms, struct sockaddr *from,
+                       socklen_t *from_len, uid_t *uid, gid_t *gid);
 
 #ifdef __cplusplus
 }

@@ -35,6 +35,7 @@ const char *script_word_of(int32_t kind) {
 
 // The helper's command lines are made in a buffer of this size; a longer one is cut.
 constexpr size_t command_size = 256;
+constexpr char helper_script[] = "/etc/scripts/usbmount_helper.sh";
 
 } // namespace
 
@@ -69,13 +70,19 @@ int hook_add_script(const sddb_record *record, uint16_t minor) {
     field_text mount_point(record->mount_point);
     char command[command_size];
     // A mount point too long for the buffer is cut, closing quote and all: the shell then
-    // refuses the line rather than run part of a name.
-    if (std::snprintf(command, sizeof command,
-                      "sh /etc/scripts/usbmount_helper.sh add %s %d %s \"%s\"", disk,
-                      record->partition, fs, mount_point.c_str()) < 0)
+    // refuses the line rather than run part of a name (so, hardened, the script is not run).
+    const int length = std::snprintf(command, sizeof command,
+                                     "sh /etc/scripts/usbmount_helper.sh add %s %d %s \"%s\"", disk,
+                                     record->partition, fs, mount_point.c_str());
+    if (length < 0)
         return -1;
     std::printf("cmd %s\n", command);
-    mount_engine::run_shell(command);
+    char partition[12];
+    std::snprintf(partition, sizeof partition, "%d", record->partition);
+    const char *argv[] = {"sh", helper_script,       "add",  disk, partition,
+                          fs,   mount_point.c_str(), nullptr};
+    if (!kt::hardened || length < static_cast<int>(sizeof command))
+        mount_engine::run_script(command, argv);
     return 0;
 }
 
@@ -87,7 +94,10 @@ int hook_remove_script(const sddb_record *record, uint16_t minor) {
     char command[command_size];
     std::snprintf(command, sizeof command, "sh /etc/scripts/usbmount_helper.sh remove %s %d", disk,
                   record->partition);
-    mount_engine::run_shell(command);
+    char partition[12];
+    std::snprintf(partition, sizeof partition, "%d", record->partition);
+    const char *argv[] = {"sh", helper_script, "remove", disk, partition, nullptr};
+    mount_engine::run_script(command, argv);
     std::printf("cmd %s\n", command);
     return 0;
 }

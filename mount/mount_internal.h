@@ -2,13 +2,17 @@
 #ifndef MOUNT_MOUNT_INTERNAL_H
 #define MOUNT_MOUNT_INTERNAL_H
 
+#include "lib/kt_internal.h"
 #include "lib/proc.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <pthread.h>
+#include <sys/wait.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace mount_engine {
 
@@ -44,6 +48,26 @@ inline void run_shell(const char *command) {
     pthread_sigmask(SIG_UNBLOCK, &interrupt, &old);
     (void)!std::system(command);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
+}
+
+// Runs an outside script: `line` through the shell, or, hardened, the same words `argv`
+// (null-terminated, argv[0] looked up in PATH) without one, so that nothing in a volume label
+// or a USB string can become shell syntax. Waits for that child alone; the result is not looked
+// at, as with run_shell.
+inline void run_script(const char *line, const char *const argv[]) {
+    if constexpr (!kt::hardened) {
+        run_shell(line);
+        return;
+    }
+    waited_child child;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        kt::unblock_signals();
+        execvp(argv[0], const_cast<char *const *>(argv));
+        _exit(127);
+    }
+    while (pid > 0 && waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
 }
 
 // The line before an error: the place it was raised, `function` at `line`.

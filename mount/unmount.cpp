@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace {
@@ -68,12 +70,60 @@ void send_reply(mount_thread_ctx *ctx, const mntmg_record *request, int32_t resu
                     static_cast<socklen_t>(request->reply_addr_len));
 }
 
+constexpr char kill_script[] = "/var/etc/kelto/hotplug_kill.sh";
+
 // The platform's script that stops what keeps disks busy (file sharing and the like) and starts
 // it again.
-void hotplug_kill(const char *arguments) {
+void hotplug_kill(const char *action, const char *status) {
     char command[64];
-    std::snprintf(command, sizeof command, "/var/etc/kelto/hotplug_kill.sh %s", arguments);
-    mount_engine::run_shell(command);
+    std::snprintf(command, sizeof command, "%s %s %s", kill_script, action, status);
+    const char *argv[] = {kill_script, action, status, nullptr};
+    mount_engine::run_script(command, argv);
+}
+
+// Hardened: whether a write to the mounted file system at `mount_point`, on the device `node`,
+// is still to be done: the file system is synced, then its device must have no write in flight.
+bool partition_writes_pending(const char *mount_point, const char *node) {
+    kt::unique_fd dir(open(mount_point, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat st;
+    char inflight[64];
+    unsigned reads = 0, writes = 0;
+    return dir.get() < 0 || syncfs(dir.get()) != 0 || stat(node, &st) != 0 ||
+           ktread_filef(inflight, sizeof inflight, "/sys/dev/block/%u:%u/inflight",
+                        major(st.st_rdev), minor(st.st_rdev)) < 0 ||
+           std::sscanf(inflight, "%u %u", &reads, &writes) != 2 || writes > 0;
+}
+
+// Whether a removal must be refused for unwritten data. The appliance's rule looks at the
+// whole system's dirty pages, so any busy disk refuses every removal; hardened, only the disks
+// being removed count. Their file systems are synced without the database locked, so that
+// queries are answered meanwhile.
+bool writes_pending(sddb *db, const selection &chosen) {
+    if constexpr (!kt::hardened)
+        return dirty_pages_exist() != 0;
+    struct mounted_partition {
+        char mount_point[sizeof sddb_record{}.mount_point + 1];
+        char node[sizeof sddb_record{}.node_path + 1];
+    };
+    size_t count = 0;
+    walk(db, chosen, [&](sddb_record *) { return ++count, true; });
+    kt::heap_ptr<mounted_partition> found(
+        static_cast<mounted_partition *>(std::calloc(count + 1, sizeof(mounted_partition))));
+    size_t taken = 0;
+    if (found == nullptr || !walk(db, chosen, [&](sddb_record *record) {
+            // Zero-filled and a byte longer than the fields: the copies are always terminated.
+            if (record->part_info.mounted != 0 && taken < count) {
+                mounted_partition &copy = found.get()[taken++];
+                std::memcpy(copy.mount_point, record->mount_point, sizeof record->mount_point);
+                std::memcpy(copy.node, record->node_path, sizeof record->node_path);
+            }
+            return true;
+        }))
+        return true;
+    for (size_t i = 0; i < taken; ++i)
+        if (partition_writes_pending(found.get()[i].mount_point, found.get()[i].node))
+            return true;
+    return false;
 }
 
 struct removal {
@@ -126,7 +176,8 @@ int disk_has_requests_in_flight(const char *disk) {
             return 0;
     char command[64];
     std::snprintf(command, sizeof command, "cat /sys/block/%s/stat", disk);
-    mount_engine::run_shell(command);
+    const char *argv[] = {"cat", command + 4, nullptr};
+    mount_engine::run_script(command, argv);
     std::printf("data[8] %d\n", data[8]);
     return data[8] > 0;
 }
@@ -137,9 +188,9 @@ int umount_disk(mount_thread_ctx *ctx, const mntmg_record *request, int reply) {
         return -1;
     sync();
     sleep(1);
-    if (dirty_pages_exist() != 0) {
+    if (writes_pending(ctx->devices, chosen)) {
         std::printf("dirty page %s\n", "exists");
-        hotplug_kill("stop 1");
+        hotplug_kill("stop", "1");
         // A line of its own, like every progress line, so a reader of the output sees it whole.
         std::puts("dirty page exists, unmount denied");
         // Answered even without `reply` (at stop), to whatever address the request holds: the
@@ -148,7 +199,7 @@ int umount_disk(mount_thread_ctx *ctx, const mntmg_record *request, int reply) {
         return -1;
     }
     std::printf("dirty page %s\n", "cleared");
-    hotplug_kill("stop 0");
+    hotplug_kill("stop", "0");
     useconds_t settle = 0;
     bool walked = walk(ctx->devices, chosen, [&](sddb_record *record) {
         if (umount_partition(record, 0) != 0) {
@@ -163,7 +214,7 @@ int umount_disk(mount_thread_ctx *ctx, const mntmg_record *request, int reply) {
     sync();
     sleep(0);
     usleep(settle);
-    hotplug_kill("start 0");
+    hotplug_kill("start", "0");
     if (reply == 0)
         return 0;
     if (settle != 0)
