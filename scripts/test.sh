@@ -53,6 +53,7 @@ losetup -n -O NAME,BACK-FILE 2>/dev/null | awk '$2 ~ /\/pytest-(of-[^\/]+|tmp)\/
 host_before=$(tests/sandbox/host-state --loops)
 
 step "native (g++)" cmake_variant default
+step "hardened (g++), with the black-box suite" cmake_variant hardened
 step "clang++ build" cmake_variant clang no
 step "AddressSanitizer + UBSan (clang++)" cmake_variant asan
 step "ThreadSanitizer (clang++)" cmake_variant tsan

@@ -5,6 +5,7 @@ tests/CMakeLists.txt). Each daemon gets a mount namespace of its own below the s
 fresh /dev that holds the recording syslog socket at /dev/log; /tmp/share is shared with it, so
 its mounts show here too.
 """
+import contextlib
 import fcntl
 import os
 import re
@@ -25,6 +26,9 @@ HOST_STATE = ROOT / "tests" / "sandbox" / "host-state"
 BUILD = Path(os.environ.get("HOTPLUGD_BUILD_DIR", ROOT / "build"))
 HOTPLUGD = BUILD / "daemon" / "hotplugd"
 ON_CI = os.environ.get("CI") == "true"
+# The hardened build (docs/SECURITY.md): some tests show a hazard here closed.
+HARDENED = "HOTPLUGD_HARDENED:BOOL=ON" in (
+    (BUILD / "CMakeCache.txt").read_text() if (BUILD / "CMakeCache.txt").exists() else "")
 IN_SANDBOX = os.environ.get("HOTPLUGD_SANDBOX") == "1"
 SERVER = "/tmp/ktipc/ipc-hotplugd.sock"
 SHARE = "/tmp/share"
@@ -114,6 +118,22 @@ def settings(drvname="Drive-%D", dmount=0, tmpdir="/tmp/dev", extra=""):
     write("/var/etc/kelto/hotplug_kill.sh", RECORDER.format(name="kill"), 0o755)
     write("/var/etc/kelto/nas.conf", f"SHAREDIR={SHARE}\nTMPDIR={tmpdir}\nPROG=/tmp/hook\n"
           f"DRVNAME={drvname}\nMNTGID=100\nDMOUNT={dmount}\nMAXPART=16\n{extra}")
+
+
+@contextlib.contextmanager
+def unwritten(meminfo, node):
+    """While inside, the daemon's guard sees data not yet written: dirty pages in the system for
+    the appliance's guard; for the hardened one, which looks at the disk itself, its device node
+    (`node`) is away, so that it cannot tell."""
+    meminfo.write_text("Dirty: 4 kB\n")
+    if HARDENED:
+        os.rename(node, f"{node}.away")
+    try:
+        yield
+    finally:
+        meminfo.write_text("Dirty: 0 kB\n")
+        if HARDENED:
+            os.rename(f"{node}.away", node)
 
 
 def calls():

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import BUILD, SHARE, need_sandbox, settings, wait_for, write
+from conftest import BUILD, SHARE, need_sandbox, settings, unwritten, wait_for, write
 
 CTL = BUILD / "client" / "hotplugctl"
 USB = "/devices/pci0000:00/0000:00:14.0/usb2/2-1"
@@ -42,9 +42,9 @@ def sysfs(disks):
             (USB, {"idVendor": "0781", "idProduct": "5567", "serial": "4C5300011", "speed": "480",
                    "manufacturer": "SanDisk", "product": "Cruzer"}),
             (SCSI, {"vendor": "SanDisk ", "model": "Cruzer Blade"}),
-            (f"{SCSI}/block/sdi", {"removable": "1", "size": "32768"}),
-            (f"{SCSI}/block/sdi/sdi1", {"size": "16384"}),
-            (f"{SCSI}/block/sdi/sdi2", {"size": "16384"})]:
+            (f"{SCSI}/block/sdi", {"removable": "1", "size": "32768", "dev": "7:128"}),
+            (f"{SCSI}/block/sdi/sdi1", {"size": "16384", "dev": "7:129"}),
+            (f"{SCSI}/block/sdi/sdi2", {"size": "16384", "dev": "7:130"})]:
         for attribute, value in attributes.items():
             write(f"{root}{directory}/{attribute}", value + "\n")
     sdi = disks("i")
@@ -121,12 +121,11 @@ def test_helper_events_queries_and_commands(sysfs, start, tmp_path):
         assert ctl(*args) == (5, "", f"hotplugctl: {what}\n" if ":" in what else ctl(*args)[2])
 
     # Safe removal refused while data is unwritten, then done; mounted again.
-    meminfo.write_text("Dirty: 8 kB\n")
-    assert ctl("umount", "sdi") == (1, "", "hotplugctl: refused: data not yet written to disk, "
-                                           "or a partition still busy; try again\n")
-    assert ctl("--timeout", "1", "umount", "sdi")[0] == 4, "a second is too short for the guard"
-    time.sleep(3)
-    meminfo.write_text("Dirty: 0 kB\n")
+    with unwritten(meminfo, "/tmp/dev/sdi1"):
+        assert ctl("umount", "sdi") == (1, "", "hotplugctl: refused: data not yet written to disk, "
+                                               "or a partition still busy; try again\n")
+        assert ctl("--timeout", "1", "umount", "sdi")[0] == 4, "a second is too short for it"
+        time.sleep(3)
     assert ctl("umount", "sdi") == (0, "unmounted sdi: safe to remove\n", "")
     assert not os.path.ismount(f"{SHARE}/Drive-00111")
     assert json.loads(ctl("--json", "mount", "all")[1]) == {"disk": "all", "command": "mount",
