@@ -183,59 +183,63 @@ void queue_request(const receive_thread_args &args, const char *buffer, int32_t 
 
 extern "C" {
 
+int receive_request(receive_thread_args *args) {
+    if (args == nullptr || args->running == nullptr || args->ipc == nullptr)
+        return -1;
+    // Children the engine left running past their time limits end up here, one a pass, but
+    // not while the engine waits for one of its own: reaping it here would take its exit
+    // status from the engine, which then thinks it failed (a burst of datagrams during probing
+    // made disks unrecognised).
+    mount_reap_child();
+    // What a sender leaves out reads as zero.
+    char buffer[RECEIVE_REQUEST_SIZE];
+    std::memset(buffer, 0, sizeof buffer);
+    sockaddr_un sender{};
+    socklen_t sender_length = sizeof sender;
+    uid_t uid = 0;
+    gid_t gid = 0;
+    if (ktipc_receive_cred(args->ipc, buffer, sizeof buffer, -1,
+                           reinterpret_cast<sockaddr *>(&sender), &sender_length,
+                           kt::hardened ? &uid : nullptr, kt::hardened ? &gid : nullptr) <= 0)
+        return 0;
+    int32_t kind;
+    std::memcpy(&kind, buffer, sizeof kind);
+    uint16_t minor = 0;
+    if (kind != RECEIVE_LIST_DISKS && kind != RECEIVE_DISK_INFO && kind != RECEIVE_PARTITION_MAP &&
+        kind != RECEIVE_PARTITION_INFO && !may_command(uid, gid))
+        return 0;
+    switch (kind) {
+    case RECEIVE_LIST_DISKS:
+    case RECEIVE_DISK_INFO:
+    case RECEIVE_PARTITION_MAP:
+    case RECEIVE_PARTITION_INFO:
+        answer(*args, kind, buffer, reinterpret_cast<const sockaddr *>(&sender), sender_length);
+        return 0;
+    case RECEIVE_STOP:
+        kt::store_flag(args->running, 0);
+        return 1;
+    case MNTMG_KIND_MOUNT:
+    case MNTMG_KIND_UNMOUNT:
+        if (!client_disk(buffer + name_offset, &minor))
+            return 0;
+        [[fallthrough]];
+    case MNTMG_KIND_ADD:
+    case MNTMG_KIND_REMOVE:
+        queue_request(*args, buffer, kind, minor, sender, sender_length);
+        return 0;
+    default:
+        return 0;
+    }
+}
+
 int receive_thread_run(receive_thread_args *args) {
     // Without a channel nothing could ever arrive, and the loop would only spin.
     if (args == nullptr || args->running == nullptr || args->ipc == nullptr)
         return -1;
-    char buffer[RECEIVE_REQUEST_SIZE];
-    for (;;) {
-        if (kt::load_flag(args->running) == 0)
+    while (kt::load_flag(args->running) != 0)
+        if (receive_request(args) == 1)
             return 0;
-        // Children the engine left running past their time limits end up here, one a pass,
-        // but not while the engine waits for one of its own: reaping it here would take its
-        // exit status from the engine, which then thinks it failed (a burst of datagrams during
-        // probing made disks unrecognised).
-        mount_reap_child();
-        // What a sender leaves out reads as zero.
-        std::memset(buffer, 0, sizeof buffer);
-        sockaddr_un sender{};
-        socklen_t sender_length = sizeof sender;
-        uid_t uid = 0;
-        gid_t gid = 0;
-        if (ktipc_receive_cred(args->ipc, buffer, sizeof buffer, -1,
-                               reinterpret_cast<sockaddr *>(&sender), &sender_length,
-                               kt::hardened ? &uid : nullptr, kt::hardened ? &gid : nullptr) <= 0)
-            continue;
-        int32_t kind;
-        std::memcpy(&kind, buffer, sizeof kind);
-        uint16_t minor = 0;
-        if (kind != RECEIVE_LIST_DISKS && kind != RECEIVE_DISK_INFO &&
-            kind != RECEIVE_PARTITION_MAP && kind != RECEIVE_PARTITION_INFO &&
-            !may_command(uid, gid))
-            continue;
-        switch (kind) {
-        case RECEIVE_LIST_DISKS:
-        case RECEIVE_DISK_INFO:
-        case RECEIVE_PARTITION_MAP:
-        case RECEIVE_PARTITION_INFO:
-            answer(*args, kind, buffer, reinterpret_cast<const sockaddr *>(&sender), sender_length);
-            break;
-        case RECEIVE_STOP:
-            kt::store_flag(args->running, 0);
-            return 0;
-        case MNTMG_KIND_MOUNT:
-        case MNTMG_KIND_UNMOUNT:
-            if (!client_disk(buffer + name_offset, &minor))
-                break;
-            [[fallthrough]];
-        case MNTMG_KIND_ADD:
-        case MNTMG_KIND_REMOVE:
-            queue_request(*args, buffer, kind, minor, sender, sender_length);
-            break;
-        default:
-            break;
-        }
-    }
+    return 0;
 }
 
 } // extern "C"

@@ -31,6 +31,12 @@ typedef struct receive_thread_args {
     sddb *devices;
 } receive_thread_args;
 
+/* Waits for one datagram on args->ipc and handles it as the loop below does (reaping one ended
+ * child first): 1 when it was a stop request, which cleared *args->running; 0 for any other
+ * datagram, handled or dropped, and for a failed receive; -1 for a null `args`, run flag or
+ * channel. The fuzz target of the request server calls it datagram by datagram. */
+int receive_request(receive_thread_args *args);
+
 /* Receives datagrams on args->ipc until a stop request (kind 999) clears *args->running: kinds
  * 1 to 4 are stamped with their due time and queued, client mounts and unmounts with the
  * sender's address for the reply; the queries 101 to 104 are answered at once from the
