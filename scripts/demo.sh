@@ -4,7 +4,7 @@
 # and the daemon stopped. Run by scripts/run.sh; usage: demo.sh HOTPLUGD HOTPLUGCTL
 set -euo pipefail
 hotplugd=$1 ctl=$2
-[ "${HOTPLUGD_SANDBOX:-}" = 1 ] || { echo "demo: run me inside tests/sandbox/run" >&2; exit 1; }
+[ "${HOTPLUGD_SANDBOX:-}" = 1 ] || { echo "demo: run me inside scripts/sandbox/run" >&2; exit 1; }
 
 work=$(mktemp -d /tmp/demo.XXXXXX)
 out=$work/daemon.out

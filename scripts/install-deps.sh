@@ -4,6 +4,7 @@ set -euo pipefail
 
 packages=(
   cmake make g++ clang clang-format
+  libclang-rt-dev  # the sanitizers' and libFuzzer's runtimes: only recommended by clang
   googletest libgtest-dev
   python3 python3-pytest
   g++-mipsel-linux-gnu qemu-user-static

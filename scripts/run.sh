@@ -38,7 +38,7 @@ echo "  $(qemu-mipsel-static -L /usr/mipsel-linux-gnu "$appliance"/usr/bin/hotpl
 echo
 # -f wants a ROM device: a character device node, bound at /dev/kteeprom in the sandbox only.
 [ -c build-release/kteeprom ] || mknod build-release/kteeprom c 1 3
-tests/sandbox/run --eeprom build-release/kteeprom -- \
+scripts/sandbox/run --eeprom build-release/kteeprom -- \
     bash scripts/demo.sh "$PWD/$stage/usr/sbin/hotplugd" "$PWD/$stage/usr/bin/hotplugctl"
 echo
 echo "Run every test with: bash scripts/test.sh"

@@ -6,8 +6,8 @@
 # the mipsel cross build with its unit tests under qemu-mipsel-static; the builds as for the
 # appliance (native and mipsel, C library only, the mipsel one within its size budget); musl
 # builds, the native one with the whole black-box suite, the mipsel one with its unit tests
-# under qemu; the sandbox's own tests; the README's demonstration. A failing step does not stop
-# the later ones; any failure fails the run.
+# under qemu; every fuzz target briefly; the README's demonstration.
+# A failing step does not stop the later ones; any failure fails the run.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -50,7 +50,7 @@ cmake_variant() {
 # images attached (their paths tell them: pytest's directories); they would be busy now.
 losetup -n -O NAME,BACK-FILE 2>/dev/null | awk '$2 ~ /\/pytest-(of-[^\/]+|tmp)\// { print $1 }' |
     xargs -r -n 1 losetup -d
-host_before=$(tests/sandbox/host-state --loops)
+host_before=$(scripts/sandbox/host-state --loops)
 
 step "native (g++)" cmake_variant default
 step "hardened (g++), with the black-box suite" cmake_variant hardened
@@ -65,22 +65,22 @@ step "appliance build (mipsel-release, size budget)" cmake_variant mipsel-releas
 step "musl, static, with the black-box suite" cmake_variant musl
 step "mipsel musl under qemu" cmake_variant mipsel-musl
 
-reports+=("$results/pytest.xml")
-step "pytest (the sandbox)" /usr/bin/python3 -m pytest -q -p no:cacheprovider \
-    tests/integration/test_sandbox.py --junitxml="$results/pytest.xml"
+# Every fuzz target for a few seconds from its seeds and regression inputs (fuzz/run.sh runs
+# them as long as asked).
+step "fuzz targets (clang++, ASan+UBSan)" bash fuzz/run.sh --seconds 3
 
 # The README's demonstration, against the native build (a character device node stands for the
 # ROM device that -f wants, bound at /dev/kteeprom inside the sandbox only).
 demonstration() {
     [ -c build/kteeprom ] || mknod build/kteeprom c 1 3
-    tests/sandbox/run --eeprom build/kteeprom -- bash scripts/demo.sh "$PWD/build/daemon/hotplugd" \
+    scripts/sandbox/run --eeprom build/kteeprom -- bash scripts/demo.sh "$PWD/build/daemon/hotplugd" \
         "$PWD/build/client/hotplugctl" >"$results/demo.log" 2>&1 ||
         { tail -n 40 "$results/demo.log"; return 1; }
     tail -n 1 "$results/demo.log"
 }
 step "demonstration" demonstration
 
-host_after=$(tests/sandbox/host-state --loops)
+host_after=$(scripts/sandbox/host-state --loops)
 if [ "$host_before" != "$host_after" ]; then
     echo "the host's mounts, loop devices or fixed paths changed during the tests:"
     diff <(echo "$host_before") <(echo "$host_after")

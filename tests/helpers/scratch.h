@@ -66,7 +66,7 @@ inline bool run(const std::string &command, std::string *output = nullptr) {
     return pipe != nullptr && pclose(pipe) == 0;
 }
 
-// Whether the program runs inside tests/sandbox/run, whose fixed paths and /tmp are fresh tmpfs.
+// Whether the program runs inside scripts/sandbox/run, whose fixed paths and /tmp are fresh tmpfs.
 inline bool in_sandbox() {
     return std::getenv("HOTPLUGD_SANDBOX") != nullptr;
 }
@@ -85,10 +85,6 @@ template <typename Code> std::string capture_stdout(Code code) {
     dup2(saved, 1);
     close(saved);
     return read_file(path);
-}
-
-inline std::string shell_quoted(const std::string &text) {
-    return "'" + text + "'";
 }
 
 } // namespace kt_test

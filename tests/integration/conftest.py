@@ -1,6 +1,6 @@
 """Shared set-up of the black-box tests: the sandbox, and a harness that runs the real daemon.
 
-Tests of the daemon run inside tests/sandbox/run (CTest starts them there: see
+Tests of the daemon run inside scripts/sandbox/run (CTest starts them there: see
 tests/CMakeLists.txt). Each daemon gets a mount namespace of its own below the sandbox's, with a
 fresh /dev that holds the recording syslog socket at /dev/log; /tmp/share is shared with it, so
 its mounts show here too.
@@ -21,11 +21,9 @@ from pathlib import Path
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
-SANDBOX = ROOT / "tests" / "sandbox" / "run"
-HOST_STATE = ROOT / "tests" / "sandbox" / "host-state"
+SANDBOX = ROOT / "scripts" / "sandbox" / "run"
 BUILD = Path(os.environ.get("HOTPLUGD_BUILD_DIR", ROOT / "build"))
 HOTPLUGD = BUILD / "daemon" / "hotplugd"
-ON_CI = os.environ.get("CI") == "true"
 # The hardened build (docs/SECURITY.md): some tests show a hazard here closed.
 HARDENED = "HOTPLUGD_HARDENED:BOOL=ON" in (
     (BUILD / "CMakeCache.txt").read_text() if (BUILD / "CMakeCache.txt").exists() else "")
@@ -44,36 +42,11 @@ def pytest_configure(config):
         config.option.basetemp = str(ROOT / "build" / "pytest-tmp")
 
 
-def need_root():
-    """Skips off CI when the test needs root; on CI that is a failure."""
-    if os.geteuid() != 0:
-        if ON_CI:
-            pytest.fail("this test needs root, and CI runs as root")
-        pytest.skip("needs root")
-
-
 def need_sandbox():
     if not IN_SANDBOX:
-        pytest.skip("runs inside tests/sandbox/run (ctest starts it there)")
+        pytest.skip("runs inside scripts/sandbox/run (ctest starts it there)")
     if not HOTPLUGD.exists():
         pytest.fail(f"{HOTPLUGD} is not built")
-
-
-def in_sandbox(*command, sandbox_args=(), **kwargs):
-    """Runs `command` through tests/sandbox/run and returns the CompletedProcess."""
-    kwargs.setdefault("capture_output", True)
-    kwargs.setdefault("text", True)
-    kwargs.setdefault("timeout", 120)
-    return subprocess.run([str(SANDBOX), *sandbox_args, "--", *command], **kwargs)
-
-
-@pytest.fixture
-def host_state():
-    """The host's mounts and fixed paths before the test; compared again after it."""
-    before = subprocess.run([str(HOST_STATE)], capture_output=True, text=True, check=True).stdout
-    yield before
-    after = subprocess.run([str(HOST_STATE)], capture_output=True, text=True, check=True).stdout
-    assert after == before, "the host changed during the test"
 
 
 @pytest.fixture

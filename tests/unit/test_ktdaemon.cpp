@@ -15,7 +15,7 @@ constexpr const char *pid_path = "/var/run/hotplugd.pid";
 
 TEST(PidFile, ModeLockAndContent) {
     if (!kt_test::in_sandbox())
-        GTEST_SKIP() << "needs tests/sandbox/run: it writes /var/run/hotplugd.pid";
+        GTEST_SKIP() << "needs scripts/sandbox/run: it writes /var/run/hotplugd.pid";
     // Mode decimal 644 (octal 1204) less the umask. A daemon's free descriptor 0 is a fine result.
     close(0);
     mode_t old = umask(0204);

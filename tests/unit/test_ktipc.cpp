@@ -16,7 +16,7 @@ using Clock = std::chrono::steady_clock;
 
 TEST(Ipc, DirectoryModesAndNameLengths) {
     if (std::getenv("HOTPLUGD_SANDBOX") == nullptr)
-        GTEST_SKIP() << "needs tests/sandbox/run: it mounts over /tmp";
+        GTEST_SKIP() << "needs scripts/sandbox/run: it mounts over /tmp";
     // A tmpfs of our own over /tmp (the sandbox's namespace is private) hides /tmp/ktipc.
     ASSERT_EQ(mount("hotplugd-test", "/tmp", "tmpfs", 0, "mode=1777"), 0);
     mode_t old_mask = umask(077);
@@ -42,7 +42,7 @@ TEST(Ipc, DirectoryModesAndNameLengths) {
 
 TEST(Ipc, ExchangesRefusalsAndTakenPaths) {
     if (std::getenv("HOTPLUGD_SANDBOX") == nullptr)
-        GTEST_SKIP() << "needs tests/sandbox/run: it works in /tmp/ktipc";
+        GTEST_SKIP() << "needs scripts/sandbox/run: it works in /tmp/ktipc";
     ktipc *server = ktipc_create_serveripc("unit", 1), *peer = ktipc_create_clientipc(getpid(), 1);
     char buf[8];
     sockaddr_un from{};

@@ -37,7 +37,7 @@ struct Unmount : ::testing::Test {
 
     void SetUp() override {
         if (!kt_test::in_sandbox())
-            GTEST_SKIP() << "needs tests/sandbox/run: it binds /proc/meminfo and mounts";
+            GTEST_SKIP() << "needs scripts/sandbox/run: it binds /proc/meminfo and mounts";
         ctx.settings = &settings;
         ctx.devices = sddb_initialize();
         ctx.drive_letter_table = &letters;
