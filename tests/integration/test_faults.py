@@ -1,5 +1,5 @@
 """Faults from outside the daemon: killed while it rewrites its letter file, full and read-only
-file systems, scripts that are missing, tools and programs that hang or flood their output, a
+file systems, ROM devices that refuse, scripts that are missing, tools and programs that hang or flood their output, a
 disk gone before it is probed, and a flood of hostile datagrams. Through each it does what its
 rules say, keeps answering, and keeps no descriptor or child it should not. Figures go to the
 test log as "[ figures ]" lines."""
@@ -188,9 +188,10 @@ def test_misbehaving_tools_and_programs(disks, start, client, tmp_path, report):
     os.system("kill $(cat /tmp/stuck)")
 
 
-def test_file_systems_and_scripts_that_fail(disks, start, client, report):
-    """A letter file rewrite on a full TMPDIR, a missing add script, a directory in its place
-    with a read-only share directory: each as the rules say, and the daemon goes on."""
+def test_file_systems_rom_and_scripts_that_fail(disks, start, client, report):
+    """With letters on: a letter file rewrite on a full TMPDIR or across file systems, a ROM
+    that refuses the archive or the flush; then a missing add script, and a directory in its
+    place with a read-only share directory. Each as the rules say, and the daemon goes on."""
     need_sandbox()
     sdy = disks("y", serial="FULL1")
     for partition in (1, 2, 3):
@@ -198,14 +199,9 @@ def test_file_systems_and_scripts_that_fail(disks, start, client, report):
     os.makedirs("/tmp/full", exist_ok=True)
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k", "full", "/tmp/full"], check=True)
     # Bigger than the 4 KiB that TMPDIR holds: the rewrite runs out of room.
-    CONF.write_text("DRIVE_LETTERA=\n#" + "x" * 8192 + "\n")
-    before = CONF.read_text()
-
-    def full_tmpdir(d):
-        assert wait_for(lambda: [t for p, t in d.texts() if p == CRIT] ==
-                        ["sys config write(/etc/sysconfig/system.conf)\n"], 10)
-        assert CONF.read_text() == before, "the old file stays whole"
-        return partition_map(client, "sdy")[0] == 0  # not taken into service
+    before = "DRIVE_LETTERA=\n#" + "x" * 8192 + "\n"
+    written = before.replace("=", "=FULL1", 1)
+    conf_write = "sys config write(/etc/sysconfig/system.conf)\n"
 
     def no_script():
         os.unlink("/etc/scripts/usbmount_helper.sh")
@@ -216,28 +212,43 @@ def test_file_systems_and_scripts_that_fail(disks, start, client, report):
         subprocess.run(["mount", "-o", "remount,ro", SHARE], check=True)
 
     try:
-        for partition, args, tmpdir, prepare, mounted in [
-                (1, ["-f"], "/tmp/full", None, None),
-                (2, [], "/tmp/dev", no_script, 1),  # mounted all the same
-                (3, [], "/tmp/dev", share_read_only, 0)]:  # listed, unmounted, no script
+        # Critical messages and the letter file afterwards, or how the partition is mounted.
+        for batch, (partition, args, rom, tmpdir, prepare, outcome) in enumerate([
+                (1, ["-f"], "null", "/tmp/full", None, ([conf_write], before)),
+                (1, ["-f"], "null", "/tmp/dev", None, (["Rename config file fail master "
+                                                       "/etc/sysconfig/system.conf tmp "
+                                                       "/tmp/dev/conf.tmp.", conf_write], before)),
+                (1, ["-f", "-w"], "full", TMP, None,
+                 (["config rom store(config /etc/sysconfig, rom /dev/kteeprom)\n"], written)),
+                (1, ["-f", "-w"], "null", TMP, None,
+                 (["config flush cache(rom /dev/kteeprom)\n"], written)),
+                (2, [], "null", "/tmp/dev", no_script, 1),  # mounted all the same
+                (3, [], "null", "/tmp/dev", share_read_only, 0)], 1):  # listed, unmounted, no script
             settings(tmpdir=tmpdir)
+            CONF.write_text(before)
             if prepare:
                 prepare()
-            d = start(*args, rom="null")
+            d = start(*args, rom=rom)
             fds, children = held(d.proc.pid)
             client.send(sdy.event(1, partition))
-            if mounted is None:
-                assert full_tmpdir(d)
+            if isinstance(outcome, tuple):
+                messages, letters = outcome
+                assert wait_for(lambda: len([t for p, t in d.texts() if p == CRIT]) == len(messages))
+                crit = [text for pri, text in d.texts() if pri == CRIT]
+                assert [text[:len(m)] for text, m in zip(crit, messages)] == messages
+                assert CONF.read_text() == letters, "the old file stays whole"
             else:
                 assert wait_for(lambda: partition_map(client, "sdy")[0] == 1, 10)
-                assert partition_map(client, "sdy")[2][partition] == mounted
+                assert partition_map(client, "sdy")[2][partition] == outcome
             # Once the batch is over and its event program ran, nothing is kept.
-            assert wait_for(lambda: sum(c.startswith("prog") for c in calls()) == partition, 5)
+            assert wait_for(lambda: sum(c.startswith("prog") for c in calls()) == batch, 5)
             time.sleep(0.3)
+            if isinstance(outcome, tuple):
+                assert partition_map(client, "sdy")[0] == 0, "not taken into service"
             assert held(d.proc.pid) == (fds, children), "no descriptor or child kept"
             d.close()
         assert [c for c in calls() if c.startswith("usbmount")] == []
-        report(f"failing file systems and scripts: {fds} descriptors before and after, no "
+        report(f"failing file systems, ROM and scripts: {fds} descriptors before and after, no "
                f"child left")
     finally:
         subprocess.run(["umount", "-l", "/tmp/full"])

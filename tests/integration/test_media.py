@@ -1,16 +1,13 @@
 """What the daemon makes of each kind of medium (file system, label, name, mount), of a node
-path already taken, of letter files and ROM devices that fail, and of tools that never end."""
+and of a node path already taken."""
 import os
 import struct
-import time
 from pathlib import Path
 
 from conftest import SHARE, calls, need_sandbox, request, settings, wait_for, write
 
 VFAT = "\tvfat\n" in Path("/proc/filesystems").read_text()
-CRIT = 26  # LOG_DAEMON | LOG_CRIT
 ENV = f"en_US.UTF-8|C|{SHARE}|/tmp/dev"
-STUCK = "echo $$ >> /tmp/stuck\nexec sleep 60\n"  # pids to kill afterwards
 
 
 def details(client, disk, partition):
@@ -78,52 +75,3 @@ def test_each_medium(disks, start, client, tmp_path):
                                                   ("fat", "ntfs", "ext2", "ext3")}
     assert all(pri == 27 for pri, text in d.texts() if "mount" in text and "sdf" in text)
 
-
-def test_letter_file_and_rom_failures(disks, start, client):
-    """With letters on, a letter file that cannot be rewritten (its temporary file on another
-    file system), a ROM that refuses the archive and one that refuses the flush: each is
-    logged as critical and the partition is not taken into service."""
-    need_sandbox()
-    sdg = disks("g", serial="S9")
-    sdg.plug(1)
-    for args, rom, messages in [
-            (["-f"], "null", ["Rename config file fail master /etc/sysconfig/system.conf tmp "
-                              "/tmp/dev/conf.tmp.", "sys config write(/etc/sysconfig/system.conf)\n"]),
-            (["-f", "-w"], "full", ["config rom store(config /etc/sysconfig, rom /dev/kteeprom)\n"]),
-            (["-f", "-w"], "null", ["config flush cache(rom /dev/kteeprom)\n"])]:
-        settings(tmpdir="/tmp/dev" if "-w" not in args else "/etc/sysconfig/dev")
-        Path("/etc/sysconfig/system.conf").write_text("DRIVE_LETTERA=\n")
-        d = start(*args, rom=rom)
-        client.send(sdg.event(1, 1))
-        assert wait_for(lambda: len([1 for pri, _ in d.texts() if pri == CRIT]) == len(messages))
-        crit = [text for pri, text in d.texts() if pri == CRIT]
-        assert [text[:len(m)] for text, m in zip(crit, messages)] == messages
-        time.sleep(2.5)
-        assert client.ask(request(103, b"sdg"))[:4] == bytes(4), "not taken into service"
-        assert not os.path.ismount(f"{SHARE}/Drive-A1")
-        d.close()
-    assert Path("/etc/sysconfig/system.conf").read_text() == "DRIVE_LETTERA=S9\n"
-
-
-def test_tools_that_never_end(disks, start, client, tmp_path):
-    """disktype is waited for 8 s and the event program 15 s, then left running."""
-    need_sandbox()
-    write(tmp_path / "bin" / "disktype", "#!/bin/sh\n" + STUCK, 0o755)
-    settings()
-    write("/tmp/hook", "#!/bin/sh\n[ -e /tmp/hook-ran ] && exit\ntouch /tmp/hook-ran\n" + STUCK,
-          0o755)  # stuck on its first call only
-    sdh = disks("h")
-    sdh.plug(1)
-    d = start(path=tmp_path / "bin")
-    sent = time.monotonic()
-    client.send(sdh.event(1, 1))
-    assert wait_for(lambda: "hotplug mount sdh1" in d.lines(), 12)
-    probed = time.monotonic() - sent
-    assert 8.0 <= probed < 9.5
-    # Unknown to disktype, so tried as each file system: ext2 takes it.
-    assert details(client, "sdh", 1) is None
-    assert wait_for(lambda: details(client, "sdh", 1) == ("Drive-1", "Drive-1", 33, 1), 5)
-    hook_started = time.monotonic()  # AFTERMNT has just started, with the mark
-    assert client.ask(request(3, b"sdh"), 20) == bytes(128)
-    assert 14.0 <= time.monotonic() - hook_started < 16.5
-    os.system("kill $(cat /tmp/stuck)")

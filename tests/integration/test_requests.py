@@ -1,5 +1,5 @@
-"""The request server over its real socket: queries of an empty database, client commands with
-good and bad names, malformed datagrams and a flood, and the stop request."""
+"""The request server over its real socket: client commands with good and bad names, queries
+of an empty database and malformed datagrams, and the stop request."""
 import os
 import struct
 import time
@@ -27,13 +27,6 @@ def c():
     client.close()
 
 
-def test_queries_of_an_empty_database(daemon, c):
-    assert c.ask(request(101)) == b""
-    assert c.ask(request(102, b"sdb")) == b""
-    assert c.ask(request(103, b"sdb")) == EMPTY_MAP
-    assert c.ask(request(104, b"\x01sdb")) == b""
-
-
 def test_client_commands_by_name(daemon, c):
     """A mount request is queued only for "all" or "sd" and a letter (its third character):
     with no disk present each is answered "refused"; other names get no answer at all."""
@@ -49,29 +42,18 @@ def test_client_commands_by_name(daemon, c):
     assert events == ["BEFOREMNT"] * 4 + ["AFTERMNT"]
 
 
-def test_malformed_datagrams_and_a_flood(daemon, c):
+def test_malformed_datagrams(daemon, c):
     # Unknown kinds, and datagrams too short for a kind, get nothing.
     for data in (b"", b"\x07", b"\x07\x00", b"\x07\x00\x00", struct.pack("<i", 0),
                  struct.pack("<i", 5), struct.pack("<i", 100), struct.pack("<i", 105),
                  struct.pack("<i", 998), struct.pack("<i", -1), struct.pack("<i", 4) + bytes(1020)):
         c.send(data)
     assert c.ask(request(101)) == b"", "only the query is answered"
+    assert c.ask(request(102, b"sdb")) == c.ask(request(104, b"\x01sdb")) == b""
     # Short ones read as zero-padded; long ones are cut to 1024 bytes.
     assert c.ask(b"\x65") == b""
     assert c.ask(request(103, b"sdb") + b"\xff" * 1017) == EMPTY_MAP
     assert c.ask(request(103, b"sdb") + b"\xff" * 60000) == EMPTY_MAP
-    c.sock.setblocking(False)
-    sent = 0
-    for _ in range(3000):
-        try:
-            c.send(request(102, b"sdq"))
-            sent += 1
-        except BlockingIOError:
-            break
-    assert sent > 10
-    while c.reply(0.5) is not None:
-        pass
-    assert c.ask(request(103, b"sdb")) == EMPTY_MAP, "still answering after the flood"
 
 
 def test_stop_request(daemon, c):

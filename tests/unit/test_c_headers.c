@@ -37,7 +37,18 @@ int main(void) {
     ktmap *map = ktmap_create(strcmp);
     ktmnglist *mlist = ktmnglist_create(NULL);
     CHECK(ktlist_insert(map->list, map->list, &pair) && ktmap_find(map, key) == map->list->next &&
-          ktmngiterator_get_data(ktmnglist_insert(mlist, mlist->list, key, 4), out, 8) == 4);
+          ktmap_find(map, "B") == map->list && !ktmap_find(map, NULL) && !ktmap_find(NULL, key));
+    /* The containers under every table: insert before a position, erase handing back the next
+     * node (the head after the last), private copies freed through on_free, nulls refused. */
+    ktmngiterator last = ktmnglist_insert(mlist, mlist->list, "c", 2);
+    ktmngiterator first = ktmnglist_insert(mlist, last, "abcdef", 7);
+    CHECK(ktmngiterator_get_data(first, out, 3) == 7 && memcmp(out, "abc", 3) == 0 &&
+          ktmnglist_length(mlist) == 2 && ktmnglist_erase(mlist, first) == last &&
+          ktmnglist_erase(mlist, last) == mlist->list && ktlist_count(mlist->list) == 0 &&
+          !ktmnglist_erase(mlist, mlist->list) && !ktlist_erase(NULL, last) &&
+          !ktlist_insert(NULL, NULL, key) && ktlist_count(NULL) == 0 &&
+          !ktmnglist_insert(NULL, NULL, key, 1) && !ktmnglist_insert(mlist, mlist->list, NULL, 1) &&
+          ktmngiterator_get_data(NULL, out, 1) == -1 && !ktmngiterator_get_ptr(NULL));
     ktmap_dispose(map);
     ktmnglist_free(mlist);
     ktipc *ipc = ktipc_create(NULL, 0);

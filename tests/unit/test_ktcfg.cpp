@@ -91,9 +91,8 @@ TEST(Readers, LineRulesSectionsKeysAndFailures) {
 }
 
 // Every occurrence of a key is replaced, in every section; other lines stay byte for byte, keys
-// the file lacks are not added, and a new file of mode 0600 takes the old one's place. A writer
-// killed at ever later moments while it rewrites a file over and over never leaves one that is
-// neither the old nor the new file, for readers in between or afterwards.
+// the file lacks are not added, and a new file of mode 0600 takes the old one's place (the
+// black-box fault tests kill the daemon amid such rewrites).
 TEST(SetStrings, ReplacesKeyLinesAtomically) {
     const std::string text(70000, 't'), tail = "KEY =not KEY\nTAIL=no line feed";
     const std::vector<std::string> cases[] = {
@@ -105,7 +104,7 @@ TEST(SetStrings, ReplacesKeyLinesAtomically) {
         {"X=1\nY=2", "X=1\nY=" + long_value + "\n", "Y", long_value},
         {"A=1\n[S]\nB=2\n", "A=1\n[S]\nB=2\n", "MISSING", "x"}};
     kt_test::scratch_dir dir;
-    const std::string path = dir / "system.conf", lines(10000, '#');
+    const std::string path = dir / "system.conf";
     struct stat old {};
     struct stat now {};
     for (const auto &c : cases) {
@@ -116,44 +115,23 @@ TEST(SetStrings, ReplacesKeyLinesAtomically) {
         EXPECT_TRUE(stat(path.c_str(), &now) == 0 && now.st_ino != old.st_ino &&
                     (now.st_mode & 07777) == 0600 && entries(dir.path()) == 1);
     }
-    ASSERT_TRUE(write_file(path, "K=old\n" + lines));
-    int torn = 0;
-    auto read_back = [&, old_text = "K=old\n" + lines, new_text = "K=new\n" + lines] {
-        const std::string seen = read_file(path);
-        torn += seen != old_text && seen != new_text;
-    };
-    for (int kill = 0; kill < 30; ++kill) {
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        while (child == 0) {
-            set(path, dir.path(), {"K", "new"});
-            set(path, dir.path(), {"K", "old"});
-        }
-        for (int reads = 0; reads <= kill * 2; ++reads)
-            read_back();
-        kt_test::stop_holder(child);
-        read_back();
-    }
-    EXPECT_EQ(torn, 0);
 }
 
-// A tmp_dir on another file system ends in a failed rename, a full one in a failed write: the
-// old file stays whole, the temporary file behind. The lock file has the mode 644 decimal.
+// A tmp_dir on another file system ends in a failed rename, the temporary file left behind
+// (the fault tests fill one up). The lock file has the mode 644 decimal.
 TEST(InSandbox, FailedRewritesAndTheLock) {
     if (!kt_test::in_sandbox())
-        GTEST_SKIP() << "needs tests/sandbox/run: it mounts a file system and makes the lock file";
+        GTEST_SKIP()
+            << "needs scripts/sandbox/run: it mounts a file system and makes the lock file";
     setlogmask(LOG_MASK(LOG_DEBUG)); // the failed rename is logged: not into the host's log
     kt_test::scratch_dir dir;
-    const std::string path = dir / "system.conf", tiny = dir / "tiny", big(8192, '#');
+    const std::string path = dir / "system.conf", tiny = dir / "tiny";
     ASSERT_EQ(mkdir(tiny.c_str(), 0755), 0);
     ASSERT_EQ(mount("tmpfs", tiny.c_str(), "tmpfs", 0, "size=4k"), 0) << std::strerror(errno);
     ASSERT_TRUE(write_file(path, "A=1\nK=old\n"));
     EXPECT_EQ(set(path, tiny, {"K", "new"}), -1);
     EXPECT_EQ(read_file(std::filesystem::directory_iterator(tiny)->path()), "A=1\nK=new\n");
-    ASSERT_TRUE(write_file(path, "K=old\n" + big));
-    EXPECT_EQ(set(path, tiny, {"K", "new"}), -ENOSPC);
-    EXPECT_TRUE(read_file(path) == "K=old\n" + big && entries(tiny) == 2 &&
-                umount(tiny.c_str()) == 0);
+    EXPECT_EQ(umount(tiny.c_str()), 0);
     unlink(KT_CFG_LOCK_FILE);
     const mode_t mask = umask(0);
     const int fd = kt_cfg_get_lock(LOCK_EX);
