@@ -17,6 +17,7 @@
 #include <poll.h>
 #include <string_view>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 extern char **environ;
@@ -51,6 +52,7 @@ struct event_option {
 
 struct options {
     bool json = false;
+    bool scan = false; // listen: announce what is present first
     int timeout_s = default_timeout_s;
     const char *sysfs = "/sys";
     const char *words[max_words] = {};          // the subcommand and its arguments
@@ -98,7 +100,10 @@ void print_help() {
         "                       SUBSYSTEM), or as given by --major N --minor N [--usb DIR]\n"
         "                       [--scsi DIR] [--block DIR] [--extra A,B,C]\n"
         "  uevent               as add or remove, by the environment's ACTION\n"
-        "  listen               send events for sd disks from the kernel's uevent socket\n"
+        "  scan                 send an add event for every sd disk and partition present\n"
+        "  listen [--scan]      send events for sd disks from the kernel's uevent socket (after\n"
+        "                       a scan with --scan); a daemon that comes back or restarts\n"
+        "                       gets a scan\n"
         "Options: --json (for scripts), --timeout SECONDS (default 60), --sysfs DIR (default\n"
         "/sys), --help, --version.\n"
         "Exit status: 0 done, 1 refused or failed, 2 usage, 3 daemon not running, 4 no reply in\n"
@@ -121,17 +126,28 @@ class daemon_link {
     daemon_link(const daemon_link &) = delete;
     daemon_link &operator=(const daemon_link &) = delete;
 
-    int send(const void *data, size_t size) {
+    int send(const void *data, size_t size, bool quiet = false) {
         if (channel_ == nullptr)
             return complain("cannot make a client channel in %s: %s", KTIPC_DIR,
                             std::strerror(errno));
         if (ktipc_send_srv(channel_, data, size, "hotplugd") >= 0)
             return done;
         if (errno == ENOENT || errno == ECONNREFUSED) {
-            complain("hotplugd is not running (no one listens at %s)", server);
+            if (!quiet)
+                complain("hotplugd is not running (no one listens at %s)", server);
             return not_running;
         }
-        return complain("cannot send to hotplugd: %s", std::strerror(errno));
+        return quiet ? refused : complain("cannot send to hotplugd: %s", std::strerror(errno));
+    }
+
+    // Whether the daemon answers a query within a second; the answer is dropped.
+    bool answers() {
+        const int32_t kind = RECEIVE_LIST_DISKS;
+        if (send(&kind, sizeof kind, true) != done)
+            return false;
+        pollfd ready{channel_->fd, POLLIN, 0};
+        char reply[reply_size];
+        return poll(&ready, 1, 1000) == 1 && recv(channel_->fd, reply, sizeof reply, 0) >= 0;
     }
 
     // Sends query `kind` with `rest` after it and takes its reply (possibly empty).
@@ -145,7 +161,10 @@ class daemon_link {
             return sent;
         pollfd ready{channel_->fd, POLLIN, 0};
         if (poll(&ready, 1, timeout_s * 1000) <= 0) {
-            complain("no reply from hotplugd within %d s", timeout_s);
+            // A command stays queued: the daemon carries it out whenever it gets to it.
+            const bool command = kind == MNTMG_KIND_MOUNT || kind == MNTMG_KIND_UNMOUNT;
+            complain("no reply from hotplugd within %d s%s", timeout_s,
+                     command ? "; it may still carry the request out" : "");
             return no_reply;
         }
         ssize_t got = recv(channel_->fd, reply->data, sizeof reply->data, 0);
@@ -355,6 +374,12 @@ int part(daemon_link &link, const options &o, const char *disk, int number) {
 }
 
 int mount_command(daemon_link &link, const options &o, int32_t kind, const char *disk) {
+    // The daemon answers "done" to unmounting a disk it does not know, as there was nothing to
+    // do, and "refused" to mounting one: asked first, both say that there is no such disk.
+    reply_map map{};
+    if (std::strcmp(disk, "all") != 0)
+        if (int s = partitions(link, o, disk, &map); s != done)
+            return s;
     reply_buffer reply;
     // The name goes with its terminator: the daemon reads it as a string.
     if (int s = link.ask(kind, string_view(disk, std::strlen(disk) + 1), o.timeout_s, &reply);
@@ -382,11 +407,47 @@ int mount_command(daemon_link &link, const options &o, int32_t kind, const char 
     return refused;
 }
 
-int stop(daemon_link &link) {
+// The daemon's running process, from its pid file: 0 when there is none, it has ended (a zombie
+// waiting for its parent counts as ended), or the pid is now another program's.
+pid_t daemon_pid() {
+    char text[16] = "", stat[64] = "";
+    FILE *file = std::fopen("/var/run/hotplugd.pid", "re");
+    if (file != nullptr) {
+        if (std::fgets(text, sizeof text, file) == nullptr)
+            text[0] = '\0';
+        std::fclose(file);
+    }
+    const long pid = std::strtol(text, nullptr, 10);
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/%ld/stat", pid);
+    file = pid > 0 ? std::fopen(path, "re") : nullptr;
+    if (file != nullptr) {
+        if (std::fgets(stat, sizeof stat, file) == nullptr)
+            stat[0] = '\0';
+        std::fclose(file);
+    }
+    // "PID (hotplugd) S ...": the name, then the state.
+    const char *name = std::strstr(stat, " (hotplugd) ");
+    const char state = name != nullptr ? name[12] : 'X';
+    return state != 'Z' && state != 'X' ? static_cast<pid_t>(pid) : 0;
+}
+
+// Returns once the daemon has ended (it takes a grace period of seconds to unmount), so that
+// an init script may go on to what needs it gone.
+int stop(daemon_link &link, const options &o) {
     char request[128] = {};
     const int32_t kind = RECEIVE_STOP;
     std::memcpy(request, &kind, sizeof kind);
-    return link.send(request, sizeof request);
+    const pid_t pid = daemon_pid();
+    if (int s = link.send(request, sizeof request); s != done)
+        return s;
+    for (int waited_ms = 0; waited_ms < o.timeout_s * 1000; waited_ms += 50) {
+        if (pid > 0 ? daemon_pid() != pid : access(server, F_OK) != 0)
+            return done;
+        usleep(50 * 1000);
+    }
+    complain("hotplugd has not ended within %d s", o.timeout_s);
+    return no_reply;
 }
 
 bool to_number(const char *text, unsigned long max, unsigned long *value) {
@@ -487,7 +548,42 @@ void stop_listening(int) {
     listening = 0;
 }
 
+void show_sent(const mntmg_record &request, const char *name) {
+    std::printf("%s %s (major %u, id %u)\n", request.kind == MNTMG_KIND_ADD ? "add" : "remove",
+                name != nullptr ? name : "?", request.major, request.minor);
+}
+
+struct announcement {
+    daemon_link *link;
+    bool quiet;
+    int status;
+};
+
+// Sends an add for every disk and partition present, as the kernel announced them; `quiet`
+// leaves a daemon that is not running to the caller to tell.
+int scan(daemon_link &link, const options &o, bool quiet = false) {
+    announcement sending{&link, quiet, done};
+    auto each = [](const mntmg_record *request, const char *name, void *context) {
+        auto *a = static_cast<announcement *>(context);
+        if (a->status == done &&
+            (a->status = a->link->send(request, sizeof *request, a->quiet)) == done)
+            show_sent(*request, name);
+    };
+    if (uevent_scan(o.sysfs, each, &sending) < 0)
+        return complain("cannot read %s/block: %s", o.sysfs, std::strerror(errno));
+    return sending.status;
+}
+
+// The daemon's socket, told apart from the one of an earlier run by its inode; 0 when there
+// is none.
+ino_t server_inode() {
+    struct stat st {};
+    return stat(server, &st) == 0 ? st.st_ino : 0;
+}
+
 int listen_events(daemon_link &link, const options &o) {
+    // Listening starts before the scan: a disk that comes meanwhile is announced twice at
+    // worst (the daemon takes a second add as a re-plug), never lost.
     int fd = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
     sockaddr_nl self{};
     self.nl_family = AF_NETLINK;
@@ -499,9 +595,38 @@ int listen_events(daemon_link &link, const options &o) {
     sigaction(SIGINT, &stop, nullptr);
     sigaction(SIGTERM, &stop, nullptr);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    // The daemon that has been told what is present, known by its socket. Without it, events
+    // are dropped; a daemon that comes (back, or restarted with an empty database) gets a scan,
+    // which covers every add it missed. Its socket is looked at once a second.
+    ino_t told = 0;
+    bool said = false;
+    auto away = [&] {
+        told = 0;
+        if (!said)
+            complain("hotplugd is not running: listening on, the disks present are announced "
+                     "once it is back");
+        said = true;
+    };
+    const ino_t first = server_inode();
+    if (first != 0 && (!o.scan || scan(link, o, true) == done))
+        told = first;
+    else
+        away();
     char message[8192];
     while (listening) {
-        ssize_t n = recv(fd, message, sizeof message - 1, 0);
+        pollfd ready{fd, POLLIN, 0};
+        const int events = poll(&ready, 1, 1000);
+        if (const ino_t now = server_inode(); now != told) {
+            if (now == 0) {
+                away();
+            } else if (link.answers()) {
+                std::puts("hotplugd is up: announcing the disks present");
+                said = false;
+                if (scan(link, o, true) == done)
+                    told = now;
+            }
+        }
+        const ssize_t n = events > 0 ? recv(fd, message, sizeof message - 1, 0) : 0;
         if (n <= 0)
             continue;
         message[n] = '\0';
@@ -513,14 +638,16 @@ int listen_events(daemon_link &link, const options &o) {
         char error[256] = "";
         const char *vars = message + header;
         const size_t size = static_cast<size_t>(n) - header;
-        int got = uevent_request(vars, size, nullptr, o.sysfs, &request, error, sizeof error);
-        const char *name = uevent_get(vars, size, "DEVNAME");
-        if (got == UEVENT_BAD)
+        const int got = uevent_request(vars, size, nullptr, o.sysfs, &request, error, sizeof error);
+        if (got == UEVENT_BAD) {
             complain("%s", error);
-        else if (got == UEVENT_SEND && link.send(&request, sizeof request) == done)
-            std::printf("%s %s (major %u, id %u)\n",
-                        request.kind == MNTMG_KIND_ADD ? "add" : "remove",
-                        name != nullptr ? name : "?", request.major, request.minor);
+        } else if (got == UEVENT_SEND && told != 0) {
+            const int sent = link.send(&request, sizeof request, true);
+            if (sent == done)
+                show_sent(request, uevent_get(vars, size, "DEVNAME"));
+            else if (sent == not_running)
+                away();
+        }
     }
     close(fd);
     return done;
@@ -533,9 +660,9 @@ int run(const options &o) {
         const char *name;
         size_t arguments;
     };
-    static constexpr shape shapes[] = {{"list", 0},   {"info", 1},   {"parts", 1}, {"part", 2},
-                                       {"mount", 1},  {"umount", 1}, {"stop", 0},  {"add", 0},
-                                       {"remove", 0}, {"uevent", 0}, {"listen", 0}};
+    static constexpr shape shapes[] = {{"list", 0},   {"info", 1},   {"parts", 1},  {"part", 2},
+                                       {"mount", 1},  {"umount", 1}, {"stop", 0},   {"add", 0},
+                                       {"remove", 0}, {"uevent", 0}, {"listen", 0}, {"scan", 0}};
     const shape *found = nullptr;
     for (const shape &s : shapes)
         if (std::strcmp(command, s.name) == 0)
@@ -550,6 +677,8 @@ int run(const options &o) {
     const bool events = name == "add" || name == "remove";
     if (o.event_count > 0 && !events)
         return usage_error("the event options go with add and remove only");
+    if (o.scan && name != "listen")
+        return usage_error("--scan goes with listen only");
     const char *disk = arguments > 0 ? o.words[1] : "";
     const bool mounting = name == "mount" || name == "umount";
     if (arguments > 0 && !is_disk(disk) && !(mounting && std::strcmp(disk, "all") == 0))
@@ -572,9 +701,11 @@ int run(const options &o) {
         return mount_command(link, o, name == "mount" ? MNTMG_KIND_MOUNT : MNTMG_KIND_UNMOUNT,
                              disk);
     if (name == "stop")
-        return stop(link);
+        return stop(link, o);
     if (name == "listen")
         return listen_events(link, o);
+    if (name == "scan")
+        return scan(link, o);
     if (o.event_count > 0)
         return explicit_event(link, o, name == "add" ? MNTMG_KIND_ADD : MNTMG_KIND_REMOVE);
     return environment_event(link, o, name == "uevent" ? nullptr : command);
@@ -599,6 +730,8 @@ int main(int argc, char **argv) {
         }
         if (arg == "--json") {
             o.json = true;
+        } else if (arg == "--scan") {
+            o.scan = true;
         } else if (valued && i + 1 >= argc) {
             return usage_error("%s needs a value", argv[i]);
         } else if (arg == "--timeout") {

@@ -155,4 +155,54 @@ int uevent_request(const char *vars, size_t size, const char *action, const char
     return UEVENT_SEND;
 }
 
+int uevent_scan(const char *sysfs, uevent_each_fn each, void *context) {
+    char root[PATH_MAX];
+    if (sysfs == nullptr || each == nullptr || realpath(sysfs, root) == nullptr)
+        return -1;
+    const size_t top = std::strlen(root);
+    int made = 0;
+    for (char letter = 'a'; letter <= 'z'; ++letter) {
+        for (int partition = 0; partition <= 15; ++partition) {
+            char name[8], entry[PATH_MAX], device[PATH_MAX], dev[32] = "";
+            std::snprintf(name, sizeof name, partition > 0 ? "sd%c%d" : "sd%c", letter, partition);
+            // "<sysfs>/block/sdb" links to the disk's device directory, which holds the
+            // partitions' own.
+            if (partition > 0)
+                std::snprintf(entry, sizeof entry, "%s/block/sd%c/%s", sysfs, letter, name);
+            else
+                std::snprintf(entry, sizeof entry, "%s/block/%s", sysfs, name);
+            if (realpath(entry, device) == nullptr) {
+                if (partition == 0)
+                    break; // no such disk
+                continue;
+            }
+            FILE *file = std::snprintf(entry, sizeof entry, "%s/dev", device) <
+                                 static_cast<int>(sizeof entry)
+                             ? std::fopen(entry, "re")
+                             : nullptr;
+            const bool read = file != nullptr && std::fgets(dev, sizeof dev, file) != nullptr;
+            if (file != nullptr)
+                std::fclose(file);
+            unsigned major = 0;
+            if (!read || std::sscanf(dev, "%u:", &major) != 1 ||
+                std::strncmp(device, root, top) != 0)
+                continue;
+            // The variables of the kernel's add event, NUL-separated.
+            char vars[PATH_MAX + 96];
+            const int size = std::snprintf(vars, sizeof vars,
+                                           "ACTION=add%cSUBSYSTEM=block%cDEVNAME=%s%cMAJOR=%u%c"
+                                           "DEVPATH=%s%c",
+                                           0, 0, name, 0, major, 0, device + top, 0);
+            mntmg_record request{};
+            if (size > 0 && size < static_cast<int>(sizeof vars) &&
+                uevent_request(vars, static_cast<size_t>(size), nullptr, sysfs, &request, nullptr,
+                               0) == UEVENT_SEND) {
+                each(&request, name, context);
+                ++made;
+            }
+        }
+    }
+    return made;
+}
+
 } // extern "C"

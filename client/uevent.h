@@ -42,6 +42,18 @@ enum {
 int uevent_request(const char *vars, size_t size, const char *action, const char *sysfs,
                    mntmg_record *out, char *error, size_t error_size);
 
+/* Called by uevent_scan with each request and the device's kernel name. */
+typedef void (*uevent_each_fn)(const mntmg_record *request, const char *name, void *context);
+
+/*
+ * The add requests for what is present, as the kernel announced it when it came: every sd disk
+ * under "<sysfs>/block" in the order of the names, each followed by its partitions (1 to 15)
+ * in order, each request built from what uevent_request takes from a kernel event. `each` is
+ * called with every one; devices whose attributes do not make a request are passed over. The
+ * number of requests, or -1 for a null argument or a `sysfs` that does not exist.
+ */
+int uevent_scan(const char *sysfs, uevent_each_fn each, void *context);
+
 #ifdef __cplusplus
 }
 #endif
