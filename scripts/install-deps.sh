@@ -11,6 +11,7 @@ packages=(
   util-linux mount fdisk e2fsprogs dosfstools mtools disktype ntfs-3g tar
   file
   musl-tools musl-dev:mipsel
+  qemu-system-x86 qemu-system-mips cpio kmod  # the test machines (scripts/vm/)
 )
 
 # The appliance's 32-bit MIPS little-endian target: musl's mipsel C library comes from Debian's

@@ -6,7 +6,8 @@
 # the mipsel cross build with its unit tests under qemu-mipsel-static; the builds as for the
 # appliance (native and mipsel, C library only, the mipsel one within its size budget); musl
 # builds, the native one with the whole black-box suite, the mipsel one with its unit tests
-# under qemu; every fuzz target briefly; the README's demonstration.
+# under qemu; USB sticks in test machines of x86_64 and MIPS; every fuzz target briefly; the
+# README's demonstration.
 # A failing step does not stop the later ones; any failure fails the run.
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -64,6 +65,12 @@ step "release build (native, as for the appliance)" cmake_variant release no
 step "appliance build (mipsel-release, size budget)" cmake_variant mipsel-release no
 step "musl, static, with the black-box suite" cmake_variant musl
 step "mipsel musl under qemu" cmake_variant mipsel-musl
+
+# Real kernels with real USB sticks: a test machine of x86_64 with the native build, one of
+# MIPS Malta with the appliance build (scripts/vm/).
+reports+=("$results/vm.xml")
+step "test machines (x86_64, MIPS Malta)" /usr/bin/python3 -m pytest -q -p no:cacheprovider \
+    tests/vm --junitxml="$results/vm.xml"
 
 # Every fuzz target for a few seconds from its seeds and regression inputs (fuzz/run.sh runs
 # them as long as asked).
