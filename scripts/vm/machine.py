@@ -52,7 +52,11 @@ export PATH=/host/bin:/bin:/sbin:/usr/bin:/usr/sbin PS1='guest# '
 exec </dev/ttyS0 >/dev/ttyS0 2>&1
 grep -q vm.interactive /proc/cmdline || { stty -echo; PS1=; }
 echo "vm: shell ready"
-exec setsid sh
+# Not exec'd: the shell as process 1 would also inherit the daemon once it detaches, and an
+# interactive ash does not take well to reaping children it never started.
+setsid sh
+echo "vm: the shell ended ($?)"
+poweroff -f
 """
 
 

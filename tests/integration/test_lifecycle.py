@@ -1,22 +1,25 @@
 """hotplugd's command line and lifecycle: help, options, the ROM and root checks, the pid file,
-a second instance, bad settings, detaching, Ctrl-C and the stop client."""
+a second instance, bad settings, detaching, Ctrl-C and the stop client; over its socket, client
+commands with good and bad names, malformed datagrams and the stop request."""
 import os
 import re
 import shutil
 import signal
+import struct
 import subprocess
 import time
 from pathlib import Path
 
 import pytest
 
-from conftest import HOTPLUGD, SERVER, need_sandbox, settings, wait_for
+from conftest import HOTPLUGD, SERVER, calls, need_sandbox, request, settings, wait_for
 
 HELP = ("Usage:{} {{option}}\n\noption:\n       -h  show this help.\n\n"
         "       -D  run daemon.\n       -w  write rom.\n       -f  fixed drive.\n"
         "       -s  disable force select mount.\n       -k  kill daemon.\n")
 PID_FILE = "/var/run/hotplugd.pid"
 INFO_USER, ERR_USER, ERR_DAEMON = 14, 11, 27  # before and after openlog(LOG_DAEMON)
+EMPTY_MAP = bytes(36)
 
 
 @pytest.fixture(autouse=True)
@@ -103,4 +106,45 @@ def test_ctrl_c(start, tmp_path):
     assert b"\nCtrl + 'c'\n\n" in d.output
     # The mount thread unmounts everything within the grace period.
     assert "dirty page cleared" in d.lines()
+    assert not os.path.exists(SERVER)
+
+
+def test_client_commands_by_name(start, client):
+    """A mount request is queued only for "all" or "sd" and a letter (its third character):
+    with no disk present each is answered "refused"; other names get no answer at all."""
+    start()
+    for name in (b"all\0", b"sd{\0", b"sda1\0", b"hda\0", b"sdz\0", b"sd\0", b"", b"sda",
+                 b"x" * 1020, b"al\0"):
+        client.send(request(3, name))
+    refused = struct.pack("<i", 1) + bytes(124)
+    assert [client.reply(3) for _ in range(4)] == [refused] * 4
+    assert client.ask(request(101)) == b"", "no further reply"
+    # One batch: the event program before each queued request, and AFTERMNT once at its end.
+    time.sleep(2.5)
+    events = [line.split("|")[1] for line in calls() if line.startswith("prog")]
+    assert events == ["BEFOREMNT"] * 4 + ["AFTERMNT"]
+
+
+def test_malformed_datagrams(start, client):
+    start()
+    # Unknown kinds, and datagrams too short for a kind, get nothing.
+    for data in (b"", b"\x07", b"\x07\x00", b"\x07\x00\x00", struct.pack("<i", 0),
+                 struct.pack("<i", 5), struct.pack("<i", 100), struct.pack("<i", 105),
+                 struct.pack("<i", 998), struct.pack("<i", -1), struct.pack("<i", 4) + bytes(1020)):
+        client.send(data)
+    assert client.ask(request(101)) == b"", "only the query is answered"
+    assert client.ask(request(102, b"sdb")) == client.ask(request(104, b"\x01sdb")) == b""
+    # Short ones read as zero-padded; long ones are cut to 1024 bytes.
+    assert client.ask(b"\x65") == b""
+    assert client.ask(request(103, b"sdb") + b"\xff" * 1017) == EMPTY_MAP
+    assert client.ask(request(103, b"sdb") + b"\xff" * 60000) == EMPTY_MAP
+
+
+def test_stop_request(start, client):
+    d = start()
+    client.send(request(999))
+    client.send(request(101))
+    assert client.reply(1) is None, "no reply to the stop, and the next datagram is never read"
+    assert d.wait() == 255
+    assert d.texts()[-1] == (27, "exit process.(-1)\n")
     assert not os.path.exists(SERVER)

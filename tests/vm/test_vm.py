@@ -125,6 +125,13 @@ def test_sticks_plugged_used_and_pulled(arch, sticks, tmp_path):
         assert m.sh("hotplugctl scan") == "add sda (major 8, id 0)\n"
         until(m, "hotplugctl list | grep -q sda")
         assert [p[0] for p in mounts(m)] == ["/mnt/share/Drive-A0"], "with its letter"
+        # A listener scans for a daemon that replaced the one it knew.
+        m.sh("(hotplugctl listen > /tmp/listen.log 2>/dev/null &); sleep 1; hotplugctl stop; "
+             "hotplugd -D -f")
+        until(m, "grep -q 'add sda' /tmp/listen.log")
+        until(m, "hotplugctl list | grep -q sda")
+        assert m.sh("cat /tmp/listen.log") == ("hotplugd is up: announcing the disks present\n"
+                                               "add sda (major 8, id 0)\n")
 
         # Stopped with the stick mounted: unmounted within the grace period.
         began = time.monotonic()
