@@ -106,15 +106,25 @@ void answer(const receive_thread_args &args, int32_t kind, const char *request, 
     if (kind == RECEIVE_LIST_DISKS) {
         char disks[disk_count][8] = {};
         size_t listed = 0;
+        // Each disk once, in the order of its first record. A kernel name ("sdb1") tells its
+        // disk by its third character, so whether that disk is listed is one look; only other
+        // names are compared with what is listed. This walk runs on every such query.
+        bool seen[disk_count] = {};
         for (ktmngiterator node = head->next; node != head; node = node->next) {
             const sddb_record *r = visible(node);
             if (r == nullptr)
                 continue;
-            bool known = false;
-            for (size_t i = 0; !known && i < listed; ++i)
-                known = same_disk(disks[i], r->node_name);
-            if (!known && listed < disk_count)
-                std::memcpy(disks[listed++], r->node_name, strnlen(r->node_name, disk_name_length));
+            const char *name = r->node_name;
+            const bool kernel_name =
+                name[0] == 's' && name[1] == 'd' && name[2] >= 'a' && name[2] <= 'z';
+            bool known = kernel_name && seen[name[2] - 'a'];
+            for (size_t i = 0; !kernel_name && !known && i < listed; ++i)
+                known = same_disk(disks[i], name);
+            if (known || listed == disk_count)
+                continue;
+            std::memcpy(disks[listed++], name, strnlen(name, disk_name_length));
+            if (kernel_name)
+                seen[name[2] - 'a'] = true;
         }
         sddb_unlock(args.devices);
         send(disks, listed * sizeof disks[0]);
