@@ -26,7 +26,8 @@ int main(int argc, char **argv) {
     for (;;) {
         struct sockaddr_un from;
         socklen_t from_length = sizeof from;
-        ssize_t n = recvfrom(fd, request, sizeof request, 0, (struct sockaddr *)&from, &from_length);
+        ssize_t n =
+            recvfrom(fd, request, sizeof request, 0, (struct sockaddr *)&from, &from_length);
         int32_t size = 0;
         if (n < (ssize_t)sizeof size)
             continue;
