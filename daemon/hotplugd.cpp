@@ -61,6 +61,9 @@ int stop_running_daemon() {
 // has the grace period to unmount, then the process goes with it.
 void shut_down(hotplugd_context *ctx) {
     kt::store_flag(&ctx->running, 0);
+    // The idle mount thread waits for requests without a time limit: told of the stop here.
+    // Only tried, so Ctrl-C's handler may do it too.
+    mntmg_wake(ctx->queue);
     sleep(grace_seconds);
     if (ctx->ipc != nullptr) {
         ktipc_close(ctx->ipc);

@@ -113,9 +113,8 @@ int mnt_thread_loop(mount_thread_ctx *ctx) {
             if (mntmg_getlen(ctx->queue) != 0)
                 continue;
             if (batch == 0) {
-                // Idle: woken at once by a new request, and at least once a second for the
-                // run flag.
-                if (mntmg_wait(ctx->queue, 1000) < 0)
+                // Idle: woken at once by a new request or a stop, and not otherwise.
+                if (mntmg_wait_running(ctx->queue, ctx->running) < 0)
                     sleep(1);
                 continue;
             }

@@ -1,6 +1,8 @@
 // mntmg: the mount request queue, with the supersede rule applied when a request is taken.
 #include "registry/mntmg.h"
 
+#include "lib/kt_internal.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -143,6 +145,28 @@ int mntmg_getlen(mntmg *queue) {
     if (!lock.held())
         return -1;
     return static_cast<int>(ktmnglist_length(queue->list));
+}
+
+int mntmg_wait_running(mntmg *queue, const int *running) {
+    if (queue == nullptr || running == nullptr)
+        return -1;
+    Locked lock(queue->mutex);
+    if (!lock.held())
+        return -1;
+    // The flag is read under the lock, which mntmg_wake takes after it is cleared: a wake is
+    // never lost between the look and the wait.
+    while (ktmnglist_length(queue->list) == 0 && kt::load_flag(running) != 0)
+        if (pthread_cond_wait(&queue->ready, &queue->mutex) != 0)
+            return -1;
+    return static_cast<int>(ktmnglist_length(queue->list));
+}
+
+int mntmg_wake(mntmg *queue) {
+    if (queue == nullptr || pthread_mutex_trylock(&queue->mutex) != 0)
+        return -1;
+    pthread_cond_broadcast(&queue->ready);
+    pthread_mutex_unlock(&queue->mutex);
+    return 0;
 }
 
 int mntmg_wait(mntmg *queue, long timeout_ms) {

@@ -43,6 +43,16 @@ int mntmg_getlen(mntmg *queue);
  * Measured on the monotonic clock, so setting the wall clock neither cuts nor stretches it. */
 int mntmg_wait(mntmg *queue, long timeout_ms);
 
+/* Waits without a time limit until the queue holds a request or `*running` is 0, which whoever
+ * clears it tells with mntmg_wake; the number queued, or -1 for null, a lock failure or a wait
+ * that fails. An idle mount thread waits here and is never woken for nothing. */
+int mntmg_wait_running(mntmg *queue, const int *running);
+
+/* Wakes every mntmg_wait_running to look at its flag again; 0, or -1 for null or when the lock
+ * is taken. It only tries the lock, so a signal handler may call it: when the lock is taken, no
+ * waiter is asleep on it but the one in the thread the signal interrupted, if that holds it. */
+int mntmg_wake(mntmg *queue);
+
 #ifdef __cplusplus
 }
 #endif

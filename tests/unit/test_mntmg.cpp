@@ -60,6 +60,7 @@ TEST_F(QueueTest, SupersedeRuleAndMalformedElements) {
 
 TEST_F(QueueTest, WaitEndsAtItsLimitOrWhenARequestArrivesAndNullsFail) {
     mntmg_record out = request("9z", 9);
+    int running = 1;
     EXPECT_TRUE(mntmg_getdata(queue, &out) == 1 && out.extra0 == 9) << "empty: untouched";
     auto start = std::chrono::steady_clock::now();
     EXPECT_TRUE(mntmg_wait(queue, 0) == 0 && mntmg_wait(queue, 150) == 0);
@@ -73,9 +74,21 @@ TEST_F(QueueTest, WaitEndsAtItsLimitOrWhenARequestArrivesAndNullsFail) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     producer.join();
     EXPECT_EQ(mntmg_getlen(queue), 1) << "waiting takes nothing";
+    EXPECT_EQ(mntmg_wait_running(queue, &running), 1);
+    mntmg_getdata(queue, &out);
+    // Without a time limit: only a request or a cleared flag with a wake ends it.
+    std::thread stopper([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        __atomic_store_n(&running, 0, __ATOMIC_SEQ_CST);
+        while (mntmg_wake(queue) != 0) {
+        }
+    });
+    EXPECT_EQ(mntmg_wait_running(queue, &running), 0);
+    stopper.join();
     EXPECT_TRUE(mntmg_setdata(nullptr, &out) == -1 && mntmg_setdata(queue, nullptr) == -1 &&
                 mntmg_getdata(nullptr, &out) == -1 && mntmg_getdata(queue, nullptr) == -1 &&
-                mntmg_getlen(nullptr) == -1 && mntmg_wait(nullptr, 0) == -1);
+                mntmg_getlen(nullptr) == -1 && mntmg_wait(nullptr, 0) == -1 &&
+                mntmg_wait_running(queue, nullptr) == -1 && mntmg_wake(nullptr) == -1);
     mntmg_free(nullptr);
 }
 
