@@ -16,11 +16,13 @@ cc -O2 -Wall -Wextra -Werror -pthread bench/query.c -o "$tools/query"
 cc -O2 -Wall -Wextra -Werror bench/echo.c -o "$tools/echo"
 echo "machine: $(nproc) cores, $(sed -n 's/^model name\s*: //p' /proc/cpuinfo | head -n 1), $(uname -r)"
 scripts/sandbox/run -- /usr/bin/python3 bench/bench.py "$PWD/build-release" "$PWD/$tools"
+# Stripped sizes, as installed (the appliance's build when it has been built).
 for build in release mipsel-release; do
-    [ -d "build-$build/daemon" ] || continue
+    strip=strip
+    [ "$build" = release ] || strip=mipsel-linux-gnu-strip
     for program in daemon/hotplugd client/hotplugctl; do
-        size=$(grep -h "$(basename $program): .* bytes stripped" "build-$build.log" \
-               "build-results/build-$build.log" 2>/dev/null | tail -n 1 | grep -o '[0-9]* bytes' || true)
-        echo "size, $build $(basename $program): ${size:-not built}"
+        [ -f "build-$build/$program" ] || continue
+        "$strip" -o "$tools/stripped" "build-$build/$program"
+        echo "size, $build $(basename $program): $(stat -c %s "$tools/stripped") bytes stripped"
     done
 done
