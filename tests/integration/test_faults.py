@@ -3,6 +3,7 @@ file systems, ROM devices that refuse, scripts that are missing, tools and progr
 disk gone before it is probed, and a flood of hostile datagrams. Through each it does what its
 rules say, keeps answering, and keeps no descriptor or child it should not. Figures go to the
 test log as "[ figures ]" lines."""
+import fcntl
 import os
 import random
 import re
@@ -89,6 +90,7 @@ def test_killed_while_rewriting_letters(start, client, tmp_path, report):
     write(tmp_path / "block" / "dev", f"7:{16 * 25 + 1}\n")
     add = request(1, minor=16 * 25 + 1, major=7, usb=str(usb), block=str(tmp_path / "block"))
     mid_rewrite = torn = 0
+    had_loop = os.path.exists(f"/sys/block/loop{16 * 25 + 1}")
     for kill in range(kills):
         if kill % 26 == 0:  # a full file takes no new letter: start again
             fresh_letter_file()
@@ -132,6 +134,11 @@ def test_killed_while_rewriting_letters(start, client, tmp_path, report):
     assert reply[128:128 + 9] == f"Drive-{remembered[-1]}1\0".encode()
     report(f"letter file: {kills} SIGKILLs, {mid_rewrite} with a rewrite under way, "
            f"{torn} torn files")
+    if not had_loop:  # the daemons' probes of /dev/loop401 made the kernel create it
+        d.close()
+        control = os.open("/dev/loop-control", os.O_RDWR)
+        fcntl.ioctl(control, 0x4C81, 16 * 25 + 1)  # LOOP_CTL_REMOVE
+        os.close(control)
 
 
 # Outside programs that misbehave, chosen by the device node they are given.
