@@ -162,11 +162,21 @@ int mntmg_wait_running(mntmg *queue, const int *running) {
 }
 
 int mntmg_wake(mntmg *queue) {
-    if (queue == nullptr || pthread_mutex_trylock(&queue->mutex) != 0)
+    if (queue == nullptr)
         return -1;
-    pthread_cond_broadcast(&queue->ready);
-    pthread_mutex_unlock(&queue->mutex);
-    return 0;
+    // The waiter holds the lock between its look at the flag and its wait: a single failed try
+    // could fall in there and leave it asleep for good. It lets go within microseconds, so the
+    // lock is tried for a while; only a holder that a signal interrupted keeps it longer.
+    const timespec pause{0, 1000000};
+    for (int tries = 0; tries < 100; ++tries) {
+        if (pthread_mutex_trylock(&queue->mutex) == 0) {
+            pthread_cond_broadcast(&queue->ready);
+            pthread_mutex_unlock(&queue->mutex);
+            return 0;
+        }
+        nanosleep(&pause, nullptr);
+    }
+    return -1;
 }
 
 int mntmg_wait(mntmg *queue, long timeout_ms) {

@@ -49,8 +49,8 @@ int mntmg_wait(mntmg *queue, long timeout_ms);
 int mntmg_wait_running(mntmg *queue, const int *running);
 
 /* Wakes every mntmg_wait_running to look at its flag again; 0, or -1 for null or when the lock
- * is taken. It only tries the lock, so a signal handler may call it: when the lock is taken, no
- * waiter is asleep on it but the one in the thread the signal interrupted, if that holds it. */
+ * stays taken for a tenth of a second. It only tries the lock, so a signal handler may call it
+ * even when the thread it interrupted holds the lock. */
 int mntmg_wake(mntmg *queue);
 
 #ifdef __cplusplus
