@@ -1,8 +1,8 @@
 """Faults from outside the daemon: killed while it rewrites its letter file, full and read-only
-file systems, ROM devices that refuse, scripts that are missing, tools and programs that hang or flood their output, a
-disk gone before it is probed, and a flood of hostile datagrams. Through each it does what its
-rules say, keeps answering, and keeps no descriptor or child it should not. Figures go to the
-test log as "[ figures ]" lines."""
+file systems, ROM devices that refuse, scripts that are missing, tools and programs that hang
+or flood their output, a disk gone before it is probed, and a flood of hostile datagrams.
+Through each it does what its rules say, keeps answering, and keeps no descriptor or child it
+should not. Figures go to the test log as "[ figures ]" lines."""
 import fcntl
 import os
 import random
@@ -327,11 +327,14 @@ def test_flood_of_hostile_datagrams(start, client, tmp_path, report):
     assert d.proc.poll() is None
     rss_after = rss_kib(d.proc.pid)
     # How much of the flood gets in depends on the machine's load; 20,000 adds from a sender
-    # that waits for room all do. They wait in the queue: it grows without a bound in the
-    # appliance's build, and stays within one in the hardened build (docs/SECURITY.md).
+    # that waits for room all do, each naming its device as the hardened build wants. They wait
+    # in the queue: it grows without a bound in the appliance's build, and stays within one in
+    # the hardened build (docs/SECURITY.md).
+    write(tmp_path / "block" / "dev", f"7:{16 * 25 + 1}\n")
+    add = request(1, minor=16 * 25 + 1, major=7, block=str(tmp_path / "block"))
     sender = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     for _ in range(20_000):
-        sender.sendto(request(1, minor=16 * 25 + 1, major=7), SERVER)
+        sender.sendto(add, SERVER)
     sender.close()
     assert client.ask(request(101), 10) is not None
     rss_queued = rss_kib(d.proc.pid)
