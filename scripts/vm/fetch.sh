@@ -13,6 +13,7 @@ mipsel) deb_arch=mipsel kernel=linux-image-4kc-malta ;;
 *) echo "fetch: unknown architecture $arch" >&2; exit 2 ;;
 esac
 [ -f "$dir/root/.fetched" ] && exit 0
+rm -rf "$dir/debs"
 mkdir -p "$dir/debs"
 # The meta package names the versioned kernel package, which holds the kernel itself.
 versioned=$(apt-cache depends "$kernel:$deb_arch" | sed -n 's/^ *Depends: \(linux-image-[^ :]*\).*/\1/p' | head -n 1)
