@@ -45,6 +45,8 @@ def sysfs(disks):
             (f"{SCSI}/block/sdi/sdi2", {"size": "16384", "dev": "7:130"})]:
         for attribute, value in attributes.items():
             write(f"{root}{directory}/{attribute}", value + "\n")
+    os.mkdir(root / "block")
+    os.symlink(f"..{SCSI}/block/sdi", root / "block" / "sdi")
     sdi = disks("i")
     sdi.plug(1, "mke2fs -q -F -I 128 -t ext3 -L lab IMG")
     sdi.plug(2)
@@ -135,5 +137,8 @@ def test_helper_events_queries_and_commands(sysfs, start, tmp_path):
     assert ctl("remove", env=uevent("remove", "sdi1", sysfs))[0] == 0
     assert wait_for(lambda: ctl("parts", "sdi")[1] == "PART  MOUNTED\n0     no\n2     yes\n", 8)
     assert json.loads(ctl("--json", "list")[1])[0]["extra"] == [0, 0, 0], "sdi's first record"
+    # What is present, as the kernel announced it: the disk before its partitions.
+    assert ctl("--sysfs", str(sysfs), "scan") == (0, "add sdi (major 7, id 128)\nadd sdi1 (major 7, "
+                                                  "id 129)\nadd sdi2 (major 7, id 130)\n", "")
     assert ctl("stop") == (0, "", "")
     assert d.proc.poll() == 255, "ended, grace period and all, when stop returns"
