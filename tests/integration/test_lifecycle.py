@@ -145,6 +145,4 @@ def test_stop_request(start, client):
     client.send(request(999))
     client.send(request(101))
     assert client.reply(1) is None, "no reply to the stop, and the next datagram is never read"
-    assert d.wait() == 255
-    assert d.texts()[-1] == (27, "exit process.(-1)\n")
-    assert not os.path.exists(SERVER)
+    assert d.wait() == 255  # and ends as -k's request makes it (test_detaching_and_stopping)

@@ -116,8 +116,6 @@ def test_sticks_plugged_used_and_pulled(arch, sticks, tmp_path):
         until(m, "! hotplugctl list | grep -q sdb")
         assert mounts(m) == []
         m.sh("exec 3<&-")
-        assert m.sh("hotplugctl parts sdb; echo $?", check=False) == \
-            "hotplugctl: no such disk: sdb\n5\n"
 
         # A new daemon knows nothing of the stick that stayed, until hotplugctl scan.
         m.sh("kill $(pidof hotplugctl); hotplugctl stop && hotplugd -D -f")
