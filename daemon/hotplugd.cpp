@@ -146,7 +146,7 @@ int run(hotplugd_context *ctx, int write_rom, int fixed_drive, int no_force_sele
         return -3;
     ctx->mount_args = {&ctx->running,  0,         ctx->queue,  ctx->sddb,       ctx->ipc, {},
                        &ctx->settings, write_rom, fixed_drive, no_force_select, &letters};
-    ctx->receive_args = {&ctx->running, &ctx->settings, ctx->ipc, ctx->queue, ctx->sddb};
+    ctx->receive_args = {&ctx->running, &ctx->settings, ctx->ipc, ctx->queue, ctx->sddb, {}};
     if (!export_environment(ctx->settings))
         return -3;
     kt::store_flag(&ctx->running, 1);

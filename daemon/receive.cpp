@@ -57,14 +57,9 @@ bool names_its_device(const mntmg_record &request) {
            major == request.major && minor == request.minor;
 }
 
-// The reply to a partition map query.
-struct partition_map {
-    uint32_t count;
-    uint8_t present[partition_count];
-    uint8_t mounted[partition_count];
-};
-static_assert(offsetof(partition_map, present) == 4 && offsetof(partition_map, mounted) == 20 &&
-              sizeof(partition_map) == 36);
+static_assert(offsetof(receive_partition_map, present) == 4 &&
+              offsetof(receive_partition_map, mounted) == 20 &&
+              sizeof(receive_partition_map) == 36);
 
 // The identifier of a client's disk name: every disk for "all", letter * 16 for "sd" and a
 // letter (only the third character is looked at: "sda1" is "sda"); false for anything else.
@@ -90,9 +85,55 @@ bool same_disk(const char *node_name, const char *disk) {
     return std::strncmp(node_name, disk, disk_name_length) == 0;
 }
 
-// Answers a query with the database locked. Lists are built here and sent after unlocking;
-// record stretches are sent from the record itself, so before.
-void answer(const receive_thread_args &args, int32_t kind, const char *request, const sockaddr *to,
+// The disk index of a name that starts as a kernel disk name ("sdb", "sdb1"), else -1.
+int kernel_disk(const char *name) {
+    return name[0] == 's' && name[1] == 'd' && name[2] >= 'a' && name[2] <= 'z' ? name[2] - 'a'
+                                                                                : -1;
+}
+
+// A partition's first record counts in its disk's map; twins after it do not.
+void add_to_map(receive_partition_map &map, const sddb_record &r) {
+    if (r.partition < 0 || r.partition >= partition_count || map.present[r.partition] != 0)
+        return;
+    map.present[r.partition] = 1;
+    map.mounted[r.partition] = static_cast<uint8_t>(r.part_info.mounted);
+    ++map.count;
+}
+
+// Walks the database (locked) once for the disk list and every kernel disk's map, unless nothing
+// changed since the last walk. Clients ask these far more often than disks come and go.
+void refresh_answers(receive_answers &answers, const sddb &db) {
+    if (answers.built != 0 && answers.changes == db.changes)
+        return;
+    std::memset(&answers, 0, sizeof answers);
+    answers.built = 1;
+    answers.changes = db.changes;
+    ktlist *head = db.list->list;
+    bool listed[disk_count] = {};
+    for (ktmngiterator node = head->next; node != head; node = node->next) {
+        const sddb_record *r = visible(node);
+        if (r == nullptr)
+            continue;
+        // Each disk is listed once, in the order of its first record. A kernel name tells its
+        // disk by its third character; only other names are compared with what is listed.
+        const char *name = r->node_name;
+        const int index = kernel_disk(name);
+        if (index >= 0)
+            add_to_map(answers.maps[index], *r);
+        bool known = index >= 0 && listed[index];
+        for (size_t i = 0; index < 0 && !known && i < answers.listed; ++i)
+            known = same_disk(answers.disks[i], name);
+        if (known || answers.listed == disk_count)
+            continue;
+        std::memcpy(answers.disks[answers.listed++], name, strnlen(name, disk_name_length));
+        if (index >= 0)
+            listed[index] = true;
+    }
+}
+
+// Answers a query with the database locked. Record stretches are sent from the record itself,
+// so before unlocking; the rest after. Only this thread touches args.answers.
+void answer(receive_thread_args &args, int32_t kind, const char *request, const sockaddr *to,
             socklen_t to_length) {
     ktmnglist *list = sddb_lock(args.devices);
     if (list == nullptr)
@@ -102,44 +143,22 @@ void answer(const receive_thread_args &args, int32_t kind, const char *request, 
     };
     ktlist *head = list->list;
     const char *disk = request + name_offset;
+    receive_answers &answers = args.answers;
 
     if (kind == RECEIVE_LIST_DISKS) {
-        char disks[disk_count][8] = {};
-        size_t listed = 0;
-        // Each disk once, in the order of its first record. A kernel name ("sdb1") tells its
-        // disk by its third character, so whether that disk is listed is one look; only other
-        // names are compared with what is listed. This walk runs on every such query.
-        bool seen[disk_count] = {};
-        for (ktmngiterator node = head->next; node != head; node = node->next) {
-            const sddb_record *r = visible(node);
-            if (r == nullptr)
-                continue;
-            const char *name = r->node_name;
-            const bool kernel_name =
-                name[0] == 's' && name[1] == 'd' && name[2] >= 'a' && name[2] <= 'z';
-            bool known = kernel_name && seen[name[2] - 'a'];
-            for (size_t i = 0; !kernel_name && !known && i < listed; ++i)
-                known = same_disk(disks[i], name);
-            if (known || listed == disk_count)
-                continue;
-            std::memcpy(disks[listed++], name, strnlen(name, disk_name_length));
-            if (kernel_name)
-                seen[name[2] - 'a'] = true;
-        }
-        sddb_unlock(args.devices);
-        send(disks, listed * sizeof disks[0]);
+        refresh_answers(answers, *args.devices);
+        sddb_unlock_unchanged(args.devices);
+        send(answers.disks, answers.listed * sizeof answers.disks[0]);
+    } else if (kind == RECEIVE_PARTITION_MAP && kernel_disk(disk) >= 0) {
+        refresh_answers(answers, *args.devices);
+        sddb_unlock_unchanged(args.devices);
+        send(&answers.maps[kernel_disk(disk)], sizeof answers.maps[0]);
     } else if (kind == RECEIVE_PARTITION_MAP) {
-        partition_map map{};
-        for (ktmngiterator node = head->next; node != head; node = node->next) {
-            const sddb_record *r = visible(node);
-            if (r == nullptr || !same_disk(r->node_name, disk) || r->partition < 0 ||
-                r->partition >= partition_count || map.present[r->partition] != 0)
-                continue;
-            map.present[r->partition] = 1;
-            map.mounted[r->partition] = static_cast<uint8_t>(r->part_info.mounted);
-            ++map.count;
-        }
-        sddb_unlock(args.devices);
+        receive_partition_map map{};
+        for (ktmngiterator node = head->next; node != head; node = node->next)
+            if (const sddb_record *r = visible(node); r != nullptr && same_disk(r->node_name, disk))
+                add_to_map(map, *r);
+        sddb_unlock_unchanged(args.devices);
         send(&map, sizeof map);
     } else {
         const auto partition = static_cast<uint8_t>(request[name_offset]);
@@ -158,7 +177,7 @@ void answer(const receive_thread_args &args, int32_t kind, const char *request, 
             get_sdsize(found);
             send(&found->part_info, sizeof found->part_info);
         }
-        sddb_unlock(args.devices);
+        sddb_unlock_unchanged(args.devices);
         if (found == nullptr)
             send(request, 0);
     }

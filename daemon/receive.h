@@ -22,13 +22,31 @@ enum {
     RECEIVE_REQUEST_SIZE = 1024
 };
 
-/* What the request server works with: copies of the daemon's pointers. */
+/* The reply to a partition map query. */
+typedef struct receive_partition_map {
+    uint32_t count;
+    uint8_t present[16];
+    uint8_t mounted[16];
+} receive_partition_map;
+
+/* The disk list and the partition maps of "sda" to "sdz" as the database last gave them: built in
+ * one walk, and again only once its change count (sddb.changes) has moved on. */
+typedef struct receive_answers {
+    uint32_t built;   /* 0 until the first walk */
+    uint32_t changes; /* the change count they were built at */
+    uint32_t listed;  /* disks in `disks` */
+    char disks[26][8];
+    receive_partition_map maps[26];
+} receive_answers;
+
+/* What the request server works with: copies of the daemon's pointers, and its answers. */
 typedef struct receive_thread_args {
     int *running;
     const hotplugd_settings *settings;
     ktipc *ipc;
     mntmg *queue;
     sddb *devices;
+    receive_answers answers;
 } receive_thread_args;
 
 /* Waits for one datagram on args->ipc and handles it as the loop below does (reaping one ended

@@ -30,9 +30,12 @@ struct request_server {
 
     request_server() {
         settings.mount_delay = 3;
-        args = {&running, &settings,
+        args = {&running,
+                &settings,
                 ktipc_create(fuzz::scratch_path(server_path, "ipc-hotplugd.sock"), 1),
-                mntmg_initialize(), sddb_initialize()};
+                mntmg_initialize(),
+                sddb_initialize(),
+                {}};
         client = ktipc_create(fuzz::scratch_path(client_path, "ipc-client.sock"), 1);
         // A disk with two partitions and its whole-disk entry, a partition not shown to clients
         // yet, and one whose every text field is full, without a terminator.

@@ -68,6 +68,15 @@ ktmnglist *sddb_lock(sddb *db) {
 }
 
 void sddb_unlock(sddb *db) {
+    if (db == nullptr)
+        return;
+    // Wraps after 2^32 changes; a reader would be misled only by a wrap exactly between two of
+    // its looks.
+    ++db->changes;
+    pthread_mutex_unlock(&db->mutex);
+}
+
+void sddb_unlock_unchanged(sddb *db) {
     if (db != nullptr)
         pthread_mutex_unlock(&db->mutex);
 }

@@ -13,11 +13,13 @@
 extern "C" {
 #endif
 
-/* Copies of sddb_record in the order clients are shown them; `mutex` guards the list and every
- * record in it. */
+/* Copies of sddb_record in the order clients are shown them; `mutex` guards the list, every
+ * record in it and `changes`, which each sddb_unlock counts up so that readers may keep what they
+ * built from the list until it moves on. */
 typedef struct sddb {
     pthread_mutex_t mutex;
     ktmnglist *list;
+    uint32_t changes;
 } sddb;
 
 /* New empty database, or 0 when its lock or list cannot be made. */
@@ -30,9 +32,12 @@ void sddb_free(sddb *db);
  * changed in place until sddb_unlock; 0 for null or a lock failure (nothing is held then). */
 ktmnglist *sddb_lock(sddb *db);
 
-/* Releases the lock taken by sddb_lock; no record pointer may be used afterwards. Null is ignored.
- */
+/* Releases the lock taken by sddb_lock, counting a change; no record pointer may be used
+ * afterwards. Null is ignored. */
 void sddb_unlock(sddb *db);
+
+/* As sddb_unlock, for a holder that changed nothing but the sizes of records: counts no change. */
+void sddb_unlock_unchanged(sddb *db);
 
 /* With the lock held: the record at `node`, to read or change in place, or 0 when the node
  * holds no whole record (the list is open to every holder of the lock). */
