@@ -3,7 +3,6 @@
 
 #include "lib/kt_internal.h"
 
-#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -65,10 +64,9 @@ int ktread_filef(char *buffer, size_t size, const char *path_format, ...) {
     if (fd.get() < 0)
         return -1;
     const size_t limit = size - 1 < INT_MAX ? size - 1 : INT_MAX;
-    ssize_t len;
-    do
-        len = read(fd.get(), buffer, limit);
-    while (len < 0 && errno == EINTR);
+    // No retry on EINTR: the read is non-blocking, and signals do not cut short reads of files
+    // and sysfs attributes.
+    const ssize_t len = read(fd.get(), buffer, limit);
     if (len < 0)
         return -1;
     buffer[len] = '\0';

@@ -114,3 +114,22 @@ def test_channel_set_up_leaves_what_is_not_its_own(start):
         os.unlink(SERVER)
     start()
     assert bool(os.stat(os.path.dirname(SERVER)).st_mode & stat.S_ISVTX) == HARDENED
+
+
+def test_queue_without_a_bound(start, client, tmp_path):
+    """Adds wait their DMOUNT in the queue, and any user may send them: a flood grows the daemon
+    without a bound. Hardened: at most 1024 wait, the rest are dropped."""
+    need_sandbox()
+    settings(dmount=3600)
+    d = start()
+    status = Path(f"/proc/{d.proc.pid}/status")
+    rss = lambda: int(re.search(r"VmRSS:\s+(\d+)", status.read_text())[1])  # noqa: E731
+    before = rss()
+    # Each names its device, as the hardened build wants of an add.
+    write(tmp_path / "block" / "dev", f"7:{16 * 25 + 1}\n")
+    add = request(1, minor=16 * 25 + 1, major=7, block=str(tmp_path / "block"))
+    sender = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    for _ in range(20_000):
+        sender.sendto(add, SERVER)
+    assert client.ask(request(101), 10) is not None, "still answering"
+    assert (rss() - before > 4096) == (not HARDENED), rss() - before

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import HOTPLUGD, SERVER, calls, need_sandbox, request, settings, wait_for
+from conftest import HARDENED, HOTPLUGD, SERVER, calls, need_sandbox, request, settings, wait_for
 
 HELP = ("Usage:{} {{option}}\n\noption:\n       -h  show this help.\n\n"
         "       -D  run daemon.\n       -w  write rom.\n       -f  fixed drive.\n"
@@ -138,6 +138,17 @@ def test_malformed_datagrams(start, client):
     assert client.ask(b"\x65") == b""
     assert client.ask(request(103, b"sdb") + b"\xff" * 1017) == EMPTY_MAP
     assert client.ask(request(103, b"sdb") + b"\xff" * 60000) == EMPTY_MAP
+
+
+def test_first_disk(start, client):
+    """sda is listed and mapped like any other disk: here an add of a node with no driver behind
+    it, recorded and never mounted."""
+    if HARDENED:
+        pytest.skip("the hardened build takes adds of disk majors only (test_hazards)")
+    start()
+    client.send(request(1, minor=1, major=240))
+    assert wait_for(lambda: client.ask(request(101)), 10) == b"sda" + bytes(5)
+    assert client.ask(request(103, b"sda")) == struct.pack("<I32B", 1, 0, 1, *[0] * 30)
 
 
 def test_stop_request(start, client):

@@ -60,6 +60,7 @@ int main(void) {
     proc_free_ktprocess(proc);
     static hotplugd_context daemon;
     static sddb_record device;
+    static mntmg_record request; /* for sda: a walk would go on to use the null context */
     CHECK(mntmg_getlen(NULL) == -1 && get_sdname(17, out, sizeof out) == 0 &&
           strcmp(out, "sdb1") == 0 && sizeof daemon.settings == 4496 &&
           ktread_filef(out, sizeof out, "%s/comm", "/proc/self") > 0);
@@ -68,7 +69,8 @@ int main(void) {
           initialize_lock_dletter(NULL, key) == -1 && sddb_insert(NULL, &device) == -1 &&
           probe_clean_label("a:b", out, sizeof out) == 3 && disk_name_of(16, out, 8) == 0 &&
           prepare_partition(NULL, &device, NULL) == -1 && hotplug_mount(NULL, NULL) == -1 &&
-          umount_disk(NULL, NULL, 1) == -1 && callprog(NULL, HOOK_ADD) == -1 &&
+          umount_disk(NULL, &request, 1) == -1 && mount_disk(NULL, &request, 1) == -1 &&
+          receive_request(NULL) == -1 && callprog(NULL, HOOK_ADD) == -1 &&
           mount_thread_run(NULL) == -1 && receive_thread_run(&daemon.receive_args) == -1);
     return failures != 0;
 }
