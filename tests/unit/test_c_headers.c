@@ -28,7 +28,6 @@
 #include "registry/sysfs.h"
 
 static int failures;
-/* Names every failed check, so that one run shows them all. */
 #define CHECK(cond) ((cond) ? (void)0 : (void)(failures++, fprintf(stderr, "FAILED: %s\n", #cond)))
 
 int main(void) {
@@ -38,8 +37,7 @@ int main(void) {
     ktmnglist *mlist = ktmnglist_create(NULL);
     CHECK(ktlist_insert(map->list, map->list, &pair) && ktmap_find(map, key) == map->list->next &&
           ktmap_find(map, "B") == map->list && !ktmap_find(map, NULL) && !ktmap_find(NULL, key));
-    /* The containers under every table: insert before a position, erase handing back the next
-     * node (the head after the last), private copies freed through on_free, nulls refused. */
+    /* Insert before a position; erase hands back the next node (the head after the last). */
     ktmngiterator last = ktmnglist_insert(mlist, mlist->list, "c", 2);
     ktmngiterator first = ktmnglist_insert(mlist, last, "abcdef", 7);
     CHECK(ktmngiterator_get_data(first, out, 3) == 7 && memcmp(out, "abc", 3) == 0 &&

@@ -1,12 +1,6 @@
-// The library's hazards of docs/SECURITY.md, shown in the appliance's build and closed in the
-// hardened one; the daemon's are shown by tests/integration/test_hazards.py.
+// The library's hazards of docs/SECURITY.md: shown in the appliance's build, closed when hardened.
 #include "config/ktcfg_rom.h"
 #include "tests/helpers/scratch.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 TEST(Hazards, RomStoreTakesAnotherChildsStatus) {
     kt_test::scratch_dir dir;

@@ -2,40 +2,26 @@
 #include "config/sysconf.h"
 #include "tests/helpers/scratch.h"
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <sys/stat.h>
-
-namespace {
-
 template <size_t N> std::string text(const char (&field)[N]) {
     return std::string(field, strnlen(field, N));
 }
 
-// The cases: the file's start, then the patterns and the label flag it gives. Making room for
-// "%D" in a pattern that fills its field never spills into the next field and never leaves half
-// a UTF-8 character, a lone "%" or a cut-off "%V" in force.
+// Room made for "%D" in a full pattern never spills over, splits a character, or keeps a cut "%V".
 TEST(LoadSysconf, PatternsValuesAndFailures) {
     kt_test::scratch_dir dir;
     const std::string path = dir / "nas.conf", a252(252, 'a'), a125(125, 'a'), big(1030, 'S');
     hotplugd_settings s{};
-    // Loads `first` (a key's first occurrence counts), then every required key but `left_out`,
-    // into a record whose rom_device, never a key, holds "canary".
+    // `first` (a key's first occurrence counts), then every required key but `left_out`.
     auto load = [&](const std::string &first, const std::string &left_out = "-") {
         std::string file =
             first + "\nSHAREDIR=/s\nTMPDIR=/t\nDRVNAME=USB\nMNTGID=9\nDMOUNT=3\nMAXPART=16";
         if (size_t at = file.find("\n" + left_out + "="); at != std::string::npos)
             file.erase(at, file.find('\n', at + 1) - at);
         s = hotplugd_settings{};
-        std::memcpy(s.rom_device, "canary", 7);
+        std::memcpy(s.rom_device, "canary", 7); // never a key
         return kt_test::write_file(path, file) ? load_sysconf(path.c_str(), &s) : -2;
     };
     const std::pair<std::string, std::string> cases[] = {
-        {"DRVNAME=USB", "USB%D USB%D 0"},
-        {"DRVNAME=%V", "%V%D Drive-%D 1"},
-        {"DRVNAME=%V_%D\nVLABEL=Disk", "%V_%D Disk%D 1"},
         {"DRVNAME=USB-%D\nVLABEL=Ignored", "USB-%D USB-%D 0"},
         {"DRVNAME=%V\nVLABEL=" + std::string(200, 'v'), "%V%D " + std::string(125, 'v') + "%D 1"},
         {"DRVNAME=" + a252 + "%", a252 + "%%D " + a125 + "%D 0"},
@@ -60,7 +46,5 @@ TEST(LoadSysconf, PatternsValuesAndFailures) {
     for (const std::string key : {"MNTGID", "DMOUNT", "MAXPART"})
         EXPECT_EQ(load(key + "=abc"), -1) << key;
     EXPECT_TRUE(load("DRVNAME=") == -1 && load_sysconf((dir / "missing").c_str(), &s) == -1 &&
-                load_sysconf(nullptr, &s) == -1 && load_sysconf(path.c_str(), nullptr) == -1);
+                load_sysconf(path.c_str(), nullptr) == -1);
 }
-
-} // namespace
