@@ -1,15 +1,10 @@
-"""Shared set-up of the black-box tests: the sandbox, and a harness that runs the real daemon.
-
-Tests of the daemon run inside scripts/sandbox/run (CTest starts them there: see
-tests/CMakeLists.txt). Each daemon gets a mount namespace of its own below the sandbox's, with a
-fresh /dev that holds the recording syslog socket at /dev/log; /tmp/share is shared with it, so
-its mounts show here too.
-"""
+"""The black-box tests' harness: the real daemon in the sandbox, loop-backed disks, a client."""
 import contextlib
 import fcntl
 import os
 import re
 import select
+import shutil
 import socket
 import struct
 import subprocess
@@ -21,51 +16,34 @@ from pathlib import Path
 import pytest
 
 ROOT = Path(__file__).resolve().parents[2]
-SANDBOX = ROOT / "scripts" / "sandbox" / "run"
 BUILD = Path(os.environ.get("HOTPLUGD_BUILD_DIR", ROOT / "build"))
 HOTPLUGD = BUILD / "daemon" / "hotplugd"
 # The hardened build (docs/SECURITY.md): some tests show a hazard here closed.
 HARDENED = "HOTPLUGD_HARDENED:BOOL=ON" in (
     (BUILD / "CMakeCache.txt").read_text() if (BUILD / "CMakeCache.txt").exists() else "")
-IN_SANDBOX = os.environ.get("HOTPLUGD_SANDBOX") == "1"
 SERVER = "/tmp/ktipc/ipc-hotplugd.sock"
 SHARE = "/tmp/share"
 CALLS = "/tmp/calls.log"
 SIGNALS = "/tmp/sigblk.log"  # each recorded call's blocked signals
+SYSFS = Path("/tmp/sys")  # the disks' attribute trees
 
 
-def pytest_configure(config):
-    # Outside, the sandbox covers /tmp with a fresh tmpfs: files shared with sandboxed commands
-    # live beside the build. Inside, /tmp is the sandbox's own.
-    if not config.option.basetemp and not IN_SANDBOX:
-        (ROOT / "build").mkdir(exist_ok=True)
-        config.option.basetemp = str(ROOT / "build" / "pytest-tmp")
-
-
-def need_sandbox():
-    if not IN_SANDBOX:
+@pytest.fixture(autouse=True)
+def sandboxed():
+    """Every test runs inside the sandbox, with the default settings unless it writes others."""
+    if os.environ.get("HOTPLUGD_SANDBOX") != "1":
         pytest.skip("runs inside scripts/sandbox/run (ctest starts it there)")
     if not HOTPLUGD.exists():
         pytest.fail(f"{HOTPLUGD} is not built")
-
-
-@pytest.fixture
-def report(capsys):
-    """report(text): a figure the test measured, shown in the test log as "[ figures ] text"."""
-    def show(text):
-        with capsys.disabled():
-            print(f"\n[ figures ] {text}", flush=True)
-    return show
+    settings()
 
 
 def wait_for(predicate, timeout=10.0, step=0.05):
     """The first true value of predicate() within `timeout` seconds, else the last one."""
     end = time.monotonic() + timeout
-    while True:
-        value = predicate()
-        if value or time.monotonic() > end:
-            return value
+    while not (value := predicate()) and time.monotonic() < end:
         time.sleep(step)
+    return value
 
 
 def write(path, text, mode=None):
@@ -75,38 +53,21 @@ def write(path, text, mode=None):
         os.chmod(path, mode)
 
 
-# The appliance's scripts and hook program record each call, its arguments and the
-# environment it got, in one ordered log; and the signals they were started with blocked, read
-# by builtins (a shell waiting for a child of its own blocks them all meanwhile).
+# The appliance's scripts and hook program log each call with its environment, in one ordered
+# log, and the signals they started with blocked (builtins: a shell waiting for a child blocks all).
 RECORDER = ('#!/bin/sh\necho "{name} $*|$ACTION|$LANG|$LC_COLLATE|$SHAREPATH|$DEVPATH"'
             f' >> {CALLS}\nwhile read -r k v; do [ "$k" != SigBlk: ] || echo "$v" >> {SIGNALS}'
             '; done < /proc/$$/status\n')
 
 
-def settings(drvname="Drive-%D", dmount=0, tmpdir="/tmp/dev", extra=""):
+def settings(drvname="Drive-%D", dmount=0, tmpdir="/tmp/dev"):
     """nas.conf with the recording hook program, and the fixed scripts recording too."""
     Path(tmpdir).mkdir(parents=True, exist_ok=True)
     write("/tmp/hook", RECORDER.format(name="prog"), 0o755)
     write("/etc/scripts/usbmount_helper.sh", RECORDER.format(name="usbmount"))
     write("/var/etc/kelto/hotplug_kill.sh", RECORDER.format(name="kill"), 0o755)
     write("/var/etc/kelto/nas.conf", f"SHAREDIR={SHARE}\nTMPDIR={tmpdir}\nPROG=/tmp/hook\n"
-          f"DRVNAME={drvname}\nMNTGID=100\nDMOUNT={dmount}\nMAXPART=16\n{extra}")
-
-
-@contextlib.contextmanager
-def unwritten(meminfo, node):
-    """While inside, the daemon's guard sees data not yet written: dirty pages in the system for
-    the appliance's guard; for the hardened one, which looks at the disk itself, its device node
-    (`node`) is away, so that it cannot tell."""
-    meminfo.write_text("Dirty: 4 kB\n")
-    if HARDENED:
-        os.rename(node, f"{node}.away")
-    try:
-        yield
-    finally:
-        meminfo.write_text("Dirty: 0 kB\n")
-        if HARDENED:
-            os.rename(f"{node}.away", node)
+          f"DRVNAME={drvname}\nMNTGID=100\nDMOUNT={dmount}\nMAXPART=16\n")
 
 
 def calls():
@@ -114,8 +75,7 @@ def calls():
     return Path(CALLS).read_text().splitlines() if os.path.exists(CALLS) else []
 
 
-# Run in the daemon's own mount namespace: a fresh /dev with what programs need, the log
-# socket at /dev/log, the ROM device as asked, /proc/meminfo from a file, then the command.
+# In the daemon's own mount namespace: a fresh /dev with the log socket and the ROM device asked.
 LAUNCH = r"""
 set -e
 old=$1 log=$2 rom=$3 meminfo=$4; shift 4
@@ -128,14 +88,12 @@ case $rom in
     full) mknod /dev/kteeprom c 1 7 ;;  # refuses the archive
     file) touch /dev/kteeprom ;;
 esac
-[ -z "$meminfo" ] || mount --bind "$meminfo" /proc/meminfo
+mount --bind "$meminfo" /proc/meminfo
 umount -l "$old"
 exec "$@"
 """
 
-# The C library frames each syslog line. musl ends every message with a line feed (so its
-# lines read the same whether the daemon wrote one or not), and before openlog it names no
-# sender at all where glibc names the program.
+# musl ends every syslog message with a line feed, and names no sender before openlog.
 MUSL = "musl" in BUILD.name
 
 
@@ -143,12 +101,7 @@ class LogText(str):
     """A logged text; with musl it equals a text that differs only by a final line feed."""
 
     def __eq__(self, other):
-        if MUSL and isinstance(other, str):
-            return self.rstrip("\n") == other.rstrip("\n")
-        return str.__eq__(self, other)
-
-    def __ne__(self, other):
-        return not self == other
+        return str.__eq__(*(str(t).rstrip("\n") if MUSL else t for t in (self, other)))
 
     __hash__ = str.__hash__
 
@@ -157,31 +110,25 @@ MESSAGE = re.compile(rb"<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?([^:\[]*)(?:\[\
 
 
 class Daemon:
-    """hotplugd started in a namespace of its own, with its syslog, output and status caught.
+    """hotplugd in a namespace of its own, its syslog, output and status caught. `rom`: None,
+    "null", "full" or "file"; `user` runs it through setpriv; `path` goes before its PATH; the
+    file `meminfo` is its /proc/meminfo (no dirty pages unless a test writes them)."""
 
-    `rom` is None (no /dev/kteeprom), "null", "full" (character devices) or "file"; `user`
-    runs it through setpriv as that user; `meminfo` is the file it reads as /proc/meminfo;
-    `path` goes before its PATH."""
-
-    def __init__(self, work, *args, rom=None, user=None, meminfo=None, exe=None, path=None):
+    def __init__(self, work, *args, rom=None, user=None, exe=None, path=None):
         self.work = Path(work)
-        self.work.mkdir(parents=True, exist_ok=True)
+        self.meminfo = self.work / "meminfo"
+        (self.work / "olddev").mkdir(parents=True, exist_ok=True)
         self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         log_path = self.work / "log.sock"
         self.log.bind(str(log_path))
         os.chmod(log_path, 0o666)
-        self.messages = []
-        self.output = b""
-        master, slave = os.openpty()
+        self.messages, self.output, self.closed, self.lock = [], b"", False, threading.Lock()
+        self.pty, slave = os.openpty()
         tty.setraw(slave)
-        os.set_blocking(master, False)
-        self.pty = master
-        self.lock = threading.Lock()
-        self.closed = False
+        os.set_blocking(self.pty, False)
+        self.meminfo.write_text("Dirty: 0 kB\n")
         threading.Thread(target=self._collect, daemon=True).start()
-        (self.work / "olddev").mkdir(exist_ok=True)
-        # The sandbox's share directory (private to the sandbox) propagates to and from the
-        # daemon's namespace.
+        # The sandbox's share directory (private to it) propagates to and from the daemon's.
         subprocess.run(["mount", "--make-shared", SHARE], check=True)
         command = [str(exe or HOTPLUGD), *args]
         if user:
@@ -190,7 +137,7 @@ class Daemon:
         self.stderr = open(self.work / "stderr", "w+b")
         self.proc = subprocess.Popen(
             ["unshare", "--mount", "--propagation", "unchanged", "sh", "-c", LAUNCH, "launch",
-             str(self.work / "olddev"), str(log_path), rom or "", str(meminfo or ""), *command],
+             str(self.work / "olddev"), str(log_path), rom or "", str(self.meminfo), *command],
             stdout=slave, stderr=self.stderr, stdin=subprocess.DEVNULL,
             env=dict(os.environ, PATH=f"{path}:{os.environ['PATH']}") if path else None)
         os.close(slave)
@@ -207,22 +154,13 @@ class Daemon:
     def _drain(self):
         """Takes in every message and all output sent so far."""
         with self.lock:
-            while True:
-                try:
-                    match = MESSAGE.match(self.log.recv(65536, socket.MSG_DONTWAIT))
-                except OSError:
-                    break
-                if match:
+            with contextlib.suppress(OSError):
+                while match := MESSAGE.match(self.log.recv(65536, socket.MSG_DONTWAIT)):
                     who = match[2].decode() or ("hotplugd" if MUSL else "")
                     self.messages.append((int(match[1]), who, LogText(match[3].decode())))
-            while True:
-                try:
-                    chunk = os.read(self.pty, 4096)
-                except OSError:
-                    break
-                if not chunk:
-                    break
-                self.output += chunk
+            with contextlib.suppress(OSError):
+                while chunk := os.read(self.pty, 4096):
+                    self.output += chunk
 
     def texts(self, ident="hotplug"):
         """(priority, text) of each message of `ident` so far."""
@@ -255,14 +193,14 @@ class Daemon:
         return self.wait()
 
     def close(self):
+        """Kills it if need be; the socket of one killed before stays for the next one."""
         if self.closed:
             return
         self.closed = True
         if self.proc.poll() is None:
             self.proc.kill()
             self.proc.wait()
-            if os.path.exists(SERVER):  # left by the killed daemon: the next one is not up yet
-                os.unlink(SERVER)
+            Path(SERVER).unlink(missing_ok=True)  # the next daemon is not up yet
         subprocess.run(f"umount -q -l {SHARE}/* 2>/dev/null", shell=True)
         self.log.close()
         os.close(self.pty)
@@ -281,27 +219,20 @@ def start(tmp_path):
     yield starter
     for daemon in started:
         daemon.close()
-    try:  # one that detached
+    with contextlib.suppress(OSError, ValueError):  # one that detached
         pid = int(Path("/var/run/hotplugd.pid").read_text())
         if Path(f"/proc/{pid}/comm").read_text() == "hotplugd\n":
             os.kill(pid, 9)
-    except (OSError, ValueError):
-        pass
     for path in [SERVER, CALLS, SIGNALS, "/var/run/hotplugd.pid"]:
-        if os.path.exists(path):
-            os.unlink(path)
+        Path(path).unlink(missing_ok=True)
 
 
 class Client:
     """A bound client channel: requests go to the daemon, replies come back here."""
 
-    count = 0
-
     def __init__(self):
-        Client.count += 1
-        self.path = f"/tmp/ktipc/client-{os.getpid()}-{Client.count}.sock"
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.sock.bind(self.path)
+        self.sock.bind(f"/tmp/ktipc/client-{os.getpid()}.sock")
 
     def send(self, data):
         self.sock.sendto(data, SERVER)
@@ -313,21 +244,16 @@ class Client:
 
     def reply(self, timeout=5.0):
         self.sock.settimeout(timeout)
-        try:
+        with contextlib.suppress(socket.timeout):
             return self.sock.recv(65536)
-        except socket.timeout:
-            return None
-
-    def close(self):
-        self.sock.close()
-        os.unlink(self.path)
 
 
 @pytest.fixture
 def client():
     c = Client()
     yield c
-    c.close()
+    os.unlink(c.sock.getsockname())
+    c.sock.close()
 
 
 def request(kind, name=b"", minor=0, major=0, usb="", scsi="", block="", extra=(0, 0, 0)):
@@ -338,32 +264,45 @@ def request(kind, name=b"", minor=0, major=0, usb="", scsi="", block="", extra=(
                        scsi.encode(), block.encode(), *extra)
 
 
+def partition_map(client, disk):
+    """(count, present flags, mounted flags) of `disk`'s partitions 0 to 15, as clients see them."""
+    reply = client.ask(request(103, disk.encode()))
+    return reply and (reply[0], list(reply[4:20]), list(reply[20:36]))
+
+
 class LoopDisk:
-    """Images attached as partitions of the disk "sd" + letter: partition p is
-    /dev/loop(16 * index + p), so the daemon names it after the request's minor. USB and SCSI
-    attribute directories describe the disk."""
+    """Images attached as partitions p of "sd" + letter at /dev/loop(16 * index + p), named so
+    by the request's minor, and a sysfs tree of the disk as a USB stick's under SYSFS."""
 
     def __init__(self, work, letter, serial="", vendor="Acme", model="Stick"):
         self.index = ord(letter) - ord("a")
         self.name = "sd" + letter
         self.work = Path(work)
+        self.work.mkdir(parents=True, exist_ok=True)
         self.loops = []
-        # Opening a node of an absent loop device makes the kernel create it (the daemon does,
-        # probing the whole disk): every device of this disk's range that appears goes again.
-        self.present = {n for n in range(16 * self.index, 16 * self.index + 16)
-                        if os.path.exists(f"/sys/block/loop{n}")}
-        self.usb = self.work / f"usb-{letter}"
-        self.scsi = self.work / f"scsi-{letter}"
-        for directory, attributes in [
-                (self.usb, {"serial": serial, "idVendor": "0781", "idProduct": "5567",
-                            "manufacturer": "SanDisk", "product": "Cruzer", "speed": "480"}),
-                (self.scsi, {"vendor": vendor, "model": model})]:
-            directory.mkdir(parents=True)
-            for attribute, value in attributes.items():
-                (directory / attribute).write_text(value + "\n")
+        # Probing a node of an absent loop device creates it: every one that appears goes again.
+        self.absent = {n for n in range(16 * self.index, 16 * self.index + 16)
+                       if not os.path.exists(f"/sys/block/loop{n}")}
+        # Paths short enough for a request's 128-byte fields.
+        self.devpath = f"/devices/usb{letter}/1-1/host0/{self.name}"
+        self.usb = SYSFS / f"devices/usb{letter}/1-1"
+        self.scsi = self.usb / "host0"
+        for attribute, value in {"serial": serial, "idVendor": "0781", "idProduct": "5567",
+                                 "manufacturer": "SanDisk", "product": "Cruzer", "speed": "480",
+                                 "host0/vendor": vendor, "host0/model": model,
+                                 f"host0/{self.name}/removable": "1",
+                                 f"host0/{self.name}/size": "262144",
+                                 f"host0/{self.name}/dev": f"7:{self.minor(0)}"}.items():
+            write(self.usb / attribute, value + "\n")
+        (SYSFS / "block").mkdir(exist_ok=True)
+        os.symlink(f"..{self.devpath}", SYSFS / "block" / self.name)
 
     def minor(self, partition):
         return 16 * self.index + partition
+
+    def block(self, partition):
+        """The block device directory of `partition` (0: the disk)."""
+        return self.scsi / self.name / (f"{self.name}{partition}" if partition else "")
 
     def plug(self, partition, make="mke2fs -q -F -I 128 -t ext2 IMG", size="8M", ro=False):
         """Makes an image with `make` (IMG for its path) and attaches it as `partition`."""
@@ -371,8 +310,9 @@ class LoopDisk:
         subprocess.run(f"truncate -s {size} {image} && " + make.replace("IMG", str(image)),
                        shell=True, check=True, capture_output=True)
         number = self.minor(partition)
-        # A device detached while something still held it is released only on the last close,
-        # which may come a moment later: wait for that rather than fail.
+        write(self.block(partition) / "dev", f"7:{number}\n")
+        write(self.block(partition) / "size", f"{os.path.getsize(image) // 512}\n")
+        # One detached while held is released on its last close, which may come a moment later.
         for _ in range(50):
             attach = subprocess.run(["losetup", *(["-r"] if ro else []), f"/dev/loop{number}",
                                      str(image)], capture_output=True, text=True)
@@ -384,20 +324,16 @@ class LoopDisk:
         self.loops.append(number)
 
     def event(self, kind, partition, major=7):
-        number = self.minor(partition)
-        return request(kind, minor=number, major=major, usb=str(self.usb), scsi=str(self.scsi),
-                       block=f"/sys/block/loop{number}", extra=(1, 2, 3))
+        return request(kind, minor=self.minor(partition), major=major, usb=str(self.usb),
+                       scsi=str(self.scsi), block=str(self.block(partition)), extra=(1, 2, 3))
 
     def close(self):
         for number in self.loops:
             subprocess.run(["losetup", "-d", f"/dev/loop{number}"], capture_output=True)
         control = os.open("/dev/loop-control", os.O_RDWR)
-        for number in range(16 * self.index, 16 * self.index + 16):
-            if number not in self.present and os.path.exists(f"/sys/block/loop{number}"):
-                try:  # LOOP_CTL_REMOVE: the host keeps only the loop devices it had
-                    fcntl.ioctl(control, 0x4C81, number)
-                except OSError:
-                    pass
+        for number in self.absent:  # LOOP_CTL_REMOVE: the host keeps the loop devices it had
+            with contextlib.suppress(OSError):
+                fcntl.ioctl(control, 0x4C81, number)
         os.close(control)
 
 
@@ -414,3 +350,4 @@ def disks(tmp_path):
     subprocess.run(f"umount -q -l {SHARE}/* 2>/dev/null", shell=True)
     for disk in made:
         disk.close()
+    shutil.rmtree(SYSFS, ignore_errors=True)

@@ -4,23 +4,20 @@ import os
 import struct
 from pathlib import Path
 
-from conftest import SHARE, calls, need_sandbox, request, settings, wait_for, write
+from conftest import SHARE, calls, request, settings, wait_for, write
 
 VFAT = "\tvfat\n" in Path("/proc/filesystems").read_text()
 ENV = f"en_US.UTF-8|C|{SHARE}|/tmp/dev"
 
 
 def details(client, disk, partition):
-    """(label, name, fs type, mounted) of a partition, from its 284-byte details; None if absent."""
+    """(label, name, fs type, mounted) of a partition, from its 284-byte details."""
     reply = client.ask(request(104, bytes([partition]) + disk.encode()))
-    if not reply:
-        return None
     label, name, _, _, _, _, fs_type, mounted = struct.unpack("<128s128s8sIIIiI", reply)
     return label.rstrip(b"\0").decode(), name.rstrip(b"\0").decode(), fs_type, mounted
 
 
 def test_each_medium(disks, start, client, tmp_path):
-    need_sandbox()
     settings(drvname="%V_%D")
     # ntfs-3g's ntfslabel under the name of the appliance's NTFS label tool.
     write(tmp_path / "bin" / "ntfsvlabel", '#!/bin/sh\nexec ntfslabel "$@"\n', 0o755)
@@ -29,9 +26,7 @@ def test_each_medium(disks, start, client, tmp_path):
     media = [  # partition, image, expected label, name, fs type once mounted or not
         (1, "mkfs.vfat -F 32 -n MYLABEL IMG", "40M", "_Volume_label_is_MYLABEL____",
          "Acme_Volume_89AB1", fat32),  # mlabel's whole output is the label
-        (2, "mkfs.vfat -F 16 IMG", "16M", "_Volume_has_no_label", "Acme_Volume_89AB2", fat),
-        (3, "mkfs.vfat -F 12 -n SMALL IMG", "2M", "_Volume_label_is_SMALL______",
-         "Acme_Volume_89AB3", fat),
+        (2, "mkfs.vfat -F 12 IMG", "2M", "_Volume_has_no_label", "Acme_Volume_89AB2", fat),
         (4, "mkntfs -q -F -L 'My:Disk [1]' IMG", "8M", "My_Disk_(1)", "Acme_My_89AB4", 0),
         (5, "mkswap IMG", "8M", "Acme_Stick_89AB5", "Acme_Stick_89AB5", 0),
         (6, "true", "8M", "Acme_Stick_89AB6", "Acme_Stick_89AB6", 0),
