@@ -30,8 +30,8 @@ struct partition_type {
     int32_t kind;
 };
 
-// MBR partition type codes that say what a partition holds; codes of 0x86 and above are never
-// looked up.
+// MBR partition type codes that say what a partition holds. Codes of 0x86 and above are
+// ignored, so none of them may stand here.
 constexpr partition_type partition_types[] = {
     {0x01, FSTYPE_FAT},           {0x04, FSTYPE_FAT},           {0x06, FSTYPE_FAT},
     {0x0E, FSTYPE_FAT},           {0x11, FSTYPE_FAT},           {0x14, FSTYPE_FAT},
@@ -41,7 +41,6 @@ constexpr partition_type partition_types[] = {
     {0x0F, FSTYPE_PARTITION_MAP}, {0x85, FSTYPE_PARTITION_MAP}, {0x82, FSTYPE_SWAP},
     {0x83, FSTYPE_LINUX},
 };
-constexpr unsigned first_ignored_type = 0x86;
 
 bool contains(string_view line, string_view word) {
     return line.find(word) != string_view::npos;
@@ -67,14 +66,12 @@ int32_t file_system_kind(string_view name) {
 }
 
 // The kind of the partition type code in the (up to) two hexadecimal digits `digits` begins
-// with; FSTYPE_UNKNOWN when there is no digit, or the code is ignored or not listed.
+// with; FSTYPE_UNKNOWN when there is no digit (code 0), or the code is ignored or not listed.
 int32_t partition_type_kind(string_view digits) {
     unsigned code = 0;
     size_t n = 0;
     for (; n < 2 && n < digits.size() && hex_digit(digits[n]) >= 0; ++n)
         code = code * 16 + static_cast<unsigned>(hex_digit(digits[n]));
-    if (n == 0 || code >= first_ignored_type)
-        return FSTYPE_UNKNOWN;
     for (const partition_type &type : partition_types)
         if (type.code == code)
             return type.kind;

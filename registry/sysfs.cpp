@@ -3,6 +3,7 @@
 
 #include "lib/kt_internal.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -36,11 +37,12 @@ bool to_unsigned(const char *text, int base, unsigned long long *value) {
     return end != text;
 }
 
-// A USB id: kept only when the file held something and it converts.
+// A USB id: kept only when it converts (an unreadable file leaves the text empty).
 void read_usb_id(const char *dir, const char *name, uint16_t *id) {
-    char text[attribute_size];
+    char text[attribute_size] = "";
     unsigned long long value = 0;
-    if (read_attribute(text, dir, name) > 0 && to_unsigned(text, 16, &value))
+    read_attribute(text, dir, name);
+    if (to_unsigned(text, 16, &value))
         *id = static_cast<uint16_t>(value);
 }
 
@@ -63,7 +65,7 @@ int ktread_filef(char *buffer, size_t size, const char *path_format, ...) {
     kt::unique_fd fd(open(path.get(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0)
         return -1;
-    const size_t limit = size - 1 < INT_MAX ? size - 1 : INT_MAX;
+    const size_t limit = std::min<size_t>(size - 1, INT_MAX);
     // No retry on EINTR: the read is non-blocking, and signals do not cut short reads of files
     // and sysfs attributes.
     const ssize_t len = read(fd.get(), buffer, limit);
