@@ -71,7 +71,6 @@ def settings(drvname="Drive-%D", dmount=0, tmpdir="/tmp/dev"):
 
 
 def calls():
-    """The recorded calls so far, one per line."""
     return Path(CALLS).read_text().splitlines() if os.path.exists(CALLS) else []
 
 
@@ -152,7 +151,6 @@ class Daemon:
             pass
 
     def _drain(self):
-        """Takes in every message and all output sent so far."""
         with self.lock:
             with contextlib.suppress(OSError):
                 while match := MESSAGE.match(self.log.recv(65536, socket.MSG_DONTWAIT)):
@@ -300,8 +298,7 @@ class LoopDisk:
     def minor(self, partition):
         return 16 * self.index + partition
 
-    def block(self, partition):
-        """The block device directory of `partition` (0: the disk)."""
+    def block(self, partition):  # 0: the disk
         return self.scsi / self.name / (f"{self.name}{partition}" if partition else "")
 
     def plug(self, partition, make="mke2fs -q -F -I 128 -t ext2 IMG", size="8M", ro=False):

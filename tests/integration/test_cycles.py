@@ -94,12 +94,10 @@ def test_plug_use_and_unplug(disks, start, client):
         ["0", "Drive-A0", "Drive-A0", "unknown", "128", "0", "no"],
         ["1", "Drive-A1", "Drive-A1", "ext3", "6", "0", "yes"],
         ["2", "Drive-A2", "Drive-A2", "ext2", "7", "0", "yes"]]
-    sizes = os.statvfs(f"{SHARE}/Drive-B1")
-    assert json.loads(ctl("--json", "part", "sde", "1")[1]) == {
-        "partition": 1, "label": "Drive-B1", "drive_name": "Drive-B1",
-        "drive_id": "B1", "fs": "ext2", "fs_type": 33, "mounted": True,
-        "size_mib": sizes.f_blocks * sizes.f_bsize >> 20,
-        "used_mib": (sizes.f_blocks - sizes.f_bfree) * sizes.f_bsize >> 20}
+    fs, part = os.statvfs(f"{SHARE}/Drive-B1"), json.loads(ctl("--json", "part", "sde", "1")[1])
+    assert part == {"partition": 1, "label": "Drive-B1", "drive_name": "Drive-B1", "drive_id": "B1",
+                    "fs": "ext2", "fs_type": 33, "mounted": True, "size_mib": fs.f_blocks *
+                    fs.f_bsize >> 20, "used_mib": (fs.f_blocks - fs.f_bfree) * fs.f_bsize >> 20}
     assert ctl("parts", "sde") == (0, "PART  MOUNTED\n1     yes\n", "")
     for args, what in ((["info", "sdz"], "no such disk: sdz"), (["parts", "sdz"], "no such disk"),
                        (["part", "sdd", "3"], "no such partition: sdd 3"),
@@ -147,7 +145,11 @@ def test_plug_use_and_unplug(disks, start, client):
         (0, "unmounted sdd: safe to remove\n", ""), ["prog ", "kill stop 0", "kill start 0", "prog "])
     assert not mounted("Drive-A1") and not mounted("Drive-A2") and not os.path.exists(f"{SHARE}/Drive-A1")
     assert partition_map(client, "sdd") == (3, [1, 1, 1] + [0] * 13, [0] * 16)
-    assert (29, f"umount ({TMPDIR}/sdd1 : {SHARE}/Drive-A1) success\n") in d.texts()
+    assert partition_map(client, "hda") == (0, [0] * 16, [0] * 16), "no record has that name"
+    # The whole disk, never mounted, is passed over without a word.
+    assert [text for pri, text in d.texts() if text.startswith("umount (") and pri == 29] == [
+        f"umount ({TMPDIR}/{p} : {SHARE}/Drive-{m}) success\n" for p, m in
+        (("sde1", "B1"), ("sdd1", "A1"), ("sdd2", "A2"))]
     # Mounted again, every disk.
     assert command("--json", "mount", "all") == (
         (0, '{"disk": "all", "command": "mount", "done": true}\n', ""), ["prog ", "prog "])

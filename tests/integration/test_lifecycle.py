@@ -33,9 +33,7 @@ def test_help_and_the_stop_client_alone():
 
 def test_rom_check_comes_before_the_root_check(start, tmp_path):
     # Run as nobody from a copy it may execute: the ROM check fails it first.
-    exe = Path("/tmp/bin/hotplugd")
-    exe.parent.mkdir(exist_ok=True)
-    shutil.copy(HOTPLUGD, exe)
+    exe = Path(shutil.copy(HOTPLUGD, "/tmp/hotplugd"))
     for rom in (None, "file"):
         d = start("-w", rom=rom, user="65534", exe=exe, wait=False)
         assert (d.wait(), d.err(), d.lines(), d.texts("hotplugd")) == (

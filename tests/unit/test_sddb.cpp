@@ -55,4 +55,8 @@ TEST(Database, InsertionOnePlaceOffSortedRemovalNamesAndNulls) {
     EXPECT_EQ(get_sdsize(&r), -1) << "not mounted";
     r.part_info.mounted = 1;
     EXPECT_EQ(get_sdsize(&r), -1) << "unterminated";
+    kt_test::put(r.mount_point, "/nonexistent");
+    EXPECT_EQ(get_sdsize(&r), -1);
+    kt_test::put(r.mount_point, "/");
+    EXPECT_TRUE(get_sdsize(&r) == 0 && r.part_info.size_mib > 0);
 }

@@ -20,6 +20,7 @@ TEST(Sysfs, BoundedReadsNumbersAndFailures) {
     EXPECT_TRUE(ktread_filef(kept, sizeof kept, "%s/missing", dir.path().c_str()) == -1 &&
                 ktread_filef(kept, sizeof kept, "%s", dir.path().c_str()) == -1 &&
                 ktread_filef(kept, 0, "%s", attr.c_str()) == -1 &&
+                ktread_filef(nullptr, sizeof kept, "%s", attr.c_str()) == -1 &&
                 ktread_filef(kept, sizeof kept, nullptr) == -1);
     EXPECT_STREQ(kept, "kept");
     sddb_disk_info disk{};

@@ -109,13 +109,14 @@ TEST_F(Unmount, DirtyPagesAsMeminfoSaysThem) {
         EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(disk_has_requests_in_flight(disk), 0); }), "");
 }
 
-// sdc1 (second in the database) is held in another namespace, so umount(2) and a lazy detach fail
-// (EINVAL): sdc2 goes, the walk stops, settles 0.49 s, mounts sdc2 again (sdc1 is only marked).
+// sdc3 (second of sdc2, sdc3, sdc1 in the database) is held in another namespace, so umount(2)
+// and a lazy detach fail (EINVAL): sdc2 goes, the walk stops before sdc1, settles 0.49 s, and
+// mounts sdc2 again (the others are only marked).
 TEST_F(Unmount, WalkStopsAtAPartitionThatStaysMounted) {
-    ASSERT_NO_FATAL_FAILURE(plug(1));
-    ASSERT_NO_FATAL_FAILURE(plug(2));
+    for (int partition : {1, 2, 3})
+        ASSERT_NO_FATAL_FAILURE(plug(partition));
     sddb_record *first = sddb_record_at(ctx.devices->list->list->next->next);
-    ASSERT_TRUE(std::strcmp(first->node_name, "sdc1") == 0 && umount_partition(first, 1) == 0);
+    ASSERT_TRUE(std::strcmp(first->node_name, "sdc3") == 0 && umount_partition(first, 1) == 0);
     const std::string node = first->node_path;
     pid_t holder = start_holder([&] {
         return unshare(CLONE_NEWNS) == 0 &&
@@ -128,7 +129,7 @@ TEST_F(Unmount, WalkStopsAtAPartitionThatStaysMounted) {
 
     const mntmg_record request = unmount_request(32);
     std::string out = capture_stdout([&] { EXPECT_EQ(umount_disk(&ctx, &request, 1), 0); });
-    EXPECT_EQ(out, "dirty page cleared\numount sdc2\nmount sdc2\nmount sdc1\n");
+    EXPECT_EQ(out, "dirty page cleared\numount sdc2\nmount sdc2\nmount sdc3\nmount sdc1\n");
     EXPECT_EQ(kill_calls(), "stop 0; start 0; ");
     EXPECT_NEAR(settle, 0.49 + 0.15, 0.15);
     EXPECT_EQ(reply(), REPLY_REFUSED);
@@ -138,7 +139,8 @@ TEST_F(Unmount, WalkStopsAtAPartitionThatStaysMounted) {
     out = capture_stdout([&] { EXPECT_EQ(umount_disk(&ctx, &request, 0), 0); });
     EXPECT_EQ(out, "dirty page cleared\numount sdc2\n");
     EXPECT_EQ(kill_calls(), "stop 0; start 0; ");
-    EXPECT_TRUE(reply() == -1 && !is_mounted_at("/tmp/dev/sdc2", "/tmp/share/C2"));
+    EXPECT_TRUE(reply() == -1 && !is_mounted_at("/tmp/dev/sdc2", "/tmp/share/C2") &&
+                is_mounted_at("/tmp/dev/sdc1", "/tmp/share/C1"));
     stop_holder(holder);
 }
 
