@@ -53,7 +53,8 @@ TEST(ProbeText, KindsFromDisktypeLinesAndLabelsForShareNames) {
         {std::string(130, '\x01') + "x", "x"}};
     for (const auto &[raw, label] : labels)
         EXPECT_EQ(cleaned(raw), label) << raw;
-    EXPECT_TRUE(cleaned("ab" + e_acute, 4) == "ab" && cleaned("abc", 1).empty());
+    EXPECT_TRUE(cleaned("ab" + e_acute, 4) == "ab" && cleaned(e_acute, 2).empty() &&
+                cleaned("abc", 1).empty());
     char out[8];
     EXPECT_TRUE(probe_clean_label(nullptr, out, sizeof out) == -1 &&
                 probe_clean_label("x", out, 0) == -1);

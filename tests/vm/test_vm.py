@@ -32,8 +32,7 @@ VFAT = ("rw,relatime,gid=100,fmask=0111,dmask=0000,allow_utime=0022,codepage=437
         "shortname=mixed,utf8,errors=remount-ro")
 
 
-def until(m, condition, timeout=30):
-    """Waits in the guest for a shell condition to hold."""
+def until(m, condition, timeout=30):  # in the guest's shell
     m.sh(f"i=0; until {condition} || [ $i -ge {timeout * 5} ]; do i=$((i + 1)); sleep 0.2; "
          f"done; {condition}", timeout=timeout + 30)
 
