@@ -111,23 +111,17 @@ void refresh_answers(receive_answers &answers, const sddb &db) {
     ktlist *head = db.list->list;
     bool listed[disk_count] = {};
     for (ktmngiterator node = head->next; node != head; node = node->next) {
+        // Records take the kernel's names ("sdb", "sdb1"), whose third character tells the
+        // disk. Each disk is listed once, in the order of its first record.
         const sddb_record *r = visible(node);
-        if (r == nullptr)
+        const int index = r != nullptr ? kernel_disk(r->node_name) : -1;
+        if (index < 0)
             continue;
-        // Each disk is listed once, in the order of its first record. A kernel name tells its
-        // disk by its third character; only other names are compared with what is listed.
-        const char *name = r->node_name;
-        const int index = kernel_disk(name);
-        if (index >= 0)
-            add_to_map(answers.maps[index], *r);
-        bool known = index >= 0 && listed[index];
-        for (size_t i = 0; index < 0 && !known && i < answers.listed; ++i)
-            known = same_disk(answers.disks[i], name);
-        if (known || answers.listed == disk_count)
-            continue;
-        std::memcpy(answers.disks[answers.listed++], name, strnlen(name, disk_name_length));
-        if (index >= 0)
+        add_to_map(answers.maps[index], *r);
+        if (!listed[index]) {
             listed[index] = true;
+            std::memcpy(answers.disks[answers.listed++], r->node_name, disk_name_length);
+        }
     }
 }
 
@@ -149,17 +143,13 @@ void answer(receive_thread_args &args, int32_t kind, const char *request, const 
         refresh_answers(answers, *args.devices);
         sddb_unlock_unchanged(args.devices);
         send(answers.disks, answers.listed * sizeof answers.disks[0]);
-    } else if (kind == RECEIVE_PARTITION_MAP && kernel_disk(disk) >= 0) {
+    } else if (kind == RECEIVE_PARTITION_MAP) {
+        // No record has a name other than a kernel disk's: any other name has an empty map.
         refresh_answers(answers, *args.devices);
         sddb_unlock_unchanged(args.devices);
-        send(&answers.maps[kernel_disk(disk)], sizeof answers.maps[0]);
-    } else if (kind == RECEIVE_PARTITION_MAP) {
-        receive_partition_map map{};
-        for (ktmngiterator node = head->next; node != head; node = node->next)
-            if (const sddb_record *r = visible(node); r != nullptr && same_disk(r->node_name, disk))
-                add_to_map(map, *r);
-        sddb_unlock_unchanged(args.devices);
-        send(&map, sizeof map);
+        const receive_partition_map none{};
+        const int index = kernel_disk(disk);
+        send(index >= 0 ? &answers.maps[index] : &none, sizeof none);
     } else {
         const auto partition = static_cast<uint8_t>(request[name_offset]);
         if (kind == RECEIVE_PARTITION_INFO)

@@ -61,7 +61,6 @@ def test_second_instance_and_missing_setting(start):
     assert second.texts()[-1] == (ERR_DAEMON, "exit process.(-3)\n")
     assert second.err().endswith("Error - exit process.(%s:-3)\n" % HOTPLUGD)
     assert first.texts()[-1] == (ERR_DAEMON, "exit process.(-1)\n")
-    assert not os.path.exists(SERVER)
     # The stale file was rewritten; the second instance failed to lock it before truncating.
     assert Path(PID_FILE).read_text() == f"{first.proc.pid}\n", "and it stays"
 
@@ -97,7 +96,6 @@ def test_ctrl_c(start):
     assert b"\nCtrl + 'c'\n\n" in d.output
     # The mount thread unmounts everything within the grace period.
     assert "dirty page cleared" in d.lines()
-    assert not os.path.exists(SERVER)
 
 
 def test_client_commands_by_name(start, client):

@@ -38,7 +38,6 @@ def test_each_medium(disks, start, client, tmp_path):
     sdf.plug(8, ro=True)  # a read-write mount is refused: mounted read-only instead
     sdf.plug(9)
     sdf.plug(10)
-    Path("/tmp/dev").mkdir(exist_ok=True)
     Path("/tmp/dev/sdf9").write_text("")  # a node path taken by something else
     os.symlink(f"/dev/loop{sdf.minor(10)}", "/tmp/dev/sdf10")
     d = start(path=tmp_path / "bin")
