@@ -40,14 +40,15 @@ int main(void) {
     ktmnglist *mlist = ktmnglist_create(count_free);
     CHECK(ktlist_insert(map->list, map->list, &pair) && ktmap_find(map, key) == map->list->next &&
           ktmap_find(map, "B") == map->list && !ktmap_find(map, NULL) && !ktmap_find(NULL, key));
+    ktlist_clear(map->list);
     /* Insert before a position; erase frees the copy, hands back the next node (or the head). */
     ktmngiterator last = ktmnglist_insert(mlist, mlist->list, "c", 2);
     ktmngiterator first = ktmnglist_insert(mlist, last, "abcdef", 7);
     CHECK(ktmngiterator_get_data(first, out, 3) == 7 && memcmp(out, "abc", 3) == 0 &&
-          ktmnglist_length(mlist) == 2 && ktmnglist_erase(mlist, first) == last &&
-          ktmnglist_erase(mlist, last) == mlist->list && ktlist_count(mlist->list) == 0 &&
-          freed == 2 && !ktmnglist_erase(mlist, mlist->list) && !ktlist_erase(NULL, last) &&
-          !ktlist_insert(NULL, NULL, key) && ktlist_count(NULL) == 0 &&
+          ktmnglist_length(mlist) == 2 && ktlist_count(map->list) == 0 &&
+          ktmnglist_erase(mlist, first) == last && ktmnglist_erase(mlist, last) == mlist->list &&
+          ktlist_count(mlist->list) == 0 && freed == 2 && !ktmnglist_erase(mlist, mlist->list) &&
+          !ktlist_erase(NULL, last) && !ktlist_insert(NULL, NULL, key) && ktlist_count(NULL) == 0 &&
           !ktmnglist_insert(NULL, NULL, key, 1) && !ktmnglist_insert(mlist, mlist->list, NULL, 1) &&
           ktmngiterator_get_data(NULL, out, 1) == -1 && !ktmngiterator_get_ptr(NULL));
     ktmap_dispose(map);

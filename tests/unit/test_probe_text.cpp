@@ -32,7 +32,7 @@ TEST(ProbeText, KindsFromDisktypeLinesAndLabelsForShareNames) {
     const std::pair<const char *, int32_t> simple[] = {
         {"  Type 0x83 (Linux)", 32}, {" FAT32X file system", 17}, {"NTFS file system", 21},
         {"Ext2 file system", 33},    {"Linux swap", 0},           {"Type 0x85", 1},
-        {"Type 0x0b|Type 0x1E", 17}, {"Type 0x17", 21},           {"Type 0x5)", 1}};
+        {"Type 0x1e|Type 0x0B", 20}, {"Type 0x17", 21},           {"Type 0x5)", 1}};
     for (auto [lines, kind] : cases)
         EXPECT_EQ(kind_of(lines), kind) << lines;
     for (auto [lines, kind] : simple)
