@@ -203,6 +203,20 @@ class Machine:
             raise AssertionError(f"guest: {command}: status {found[1].decode()}: {text}")
         return text
 
+    def plug(self, ident, image, serial, disk, tries=2):
+        """Plugs a stick and waits until the guest's kernel has made `disk` of it. The emulated
+        controller now and then never reports a stick to the guest at all (nothing in its kernel
+        log); such a stick is pulled and plugged once more."""
+        for _ in range(tries):
+            self.qmp.plug(ident, image, serial)
+            seen = self.sh(f"i=0; until [ -e /sys/block/{disk} ] || [ $i -ge 100 ]; do "
+                           f"i=$((i + 1)); sleep 0.2; done; [ -e /sys/block/{disk} ] && echo seen",
+                           timeout=90, check=False)
+            if "seen" in seen:
+                return
+            self.qmp.pull(ident)
+        raise TimeoutError(f"guest: {disk} never appeared")
+
     def read_until(self, pattern, timeout, what):
         """Reads the console until `pattern` shows in what is new; its match."""
         start, end = len(self.output), time.monotonic() + timeout

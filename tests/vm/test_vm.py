@@ -77,7 +77,7 @@ def test_sticks_plugged_used_and_pulled(arch, sticks, tmp_path):
         # Plugged one after the other: one batch, and one AFTERMNT, each.
         for ident, image, serial, disk in [("a", sticks[0], "SN-A001", "sda"),
                                            ("b", sticks[1], "SN-B002", "sdb")]:
-            m.qmp.plug(ident, image, serial)
+            m.plug(ident, image, serial, disk)
             until(m, f"hotplugctl list | grep -q {disk}")
         assert mounts(m) == [["/mnt/share/Drive-A0", "vfat", VFAT],
                              ["/mnt/share/Drive-B1", "vfat", VFAT],
