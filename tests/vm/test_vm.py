@@ -107,10 +107,10 @@ def test_sticks_plugged_used_and_pulled(arch, sticks, tmp_path):
         m.qmp.pull("b")
         until(m, "! hotplugctl list | grep -q sdb")
         assert mounts(m) == []
-        m.sh("exec 3<&-")
 
-        # A new daemon knows nothing of the stick that stayed, until hotplugctl scan.
-        m.sh("kill $(pidof hotplugctl); hotplugctl stop && hotplugd -D -f")
+        # A new daemon (-D returns before its socket is made) knows nothing of the stick that stayed.
+        m.sh("exec 3<&-; kill $(pidof hotplugctl); hotplugctl stop && hotplugd -D -f && "
+             "until [ -S /tmp/ktipc/ipc-hotplugd.sock ]; do sleep 0.1; done")
         assert m.sh("hotplugctl list").count("\n") == 1, "the header alone"
         assert m.sh("hotplugctl scan") == "add sda (major 8, id 0)\n"
         until(m, "hotplugctl list | grep -q sda")
