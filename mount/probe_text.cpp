@@ -31,7 +31,7 @@ struct partition_type {
 };
 
 // MBR partition type codes that say what a partition holds. Codes of 0x86 and above are
-// ignored, so none of them may stand here.
+// ignored by being left out (checked below).
 constexpr partition_type partition_types[] = {
     {0x01, FSTYPE_FAT},           {0x04, FSTYPE_FAT},           {0x06, FSTYPE_FAT},
     {0x0E, FSTYPE_FAT},           {0x11, FSTYPE_FAT},           {0x14, FSTYPE_FAT},
@@ -41,6 +41,14 @@ constexpr partition_type partition_types[] = {
     {0x0F, FSTYPE_PARTITION_MAP}, {0x85, FSTYPE_PARTITION_MAP}, {0x82, FSTYPE_SWAP},
     {0x83, FSTYPE_LINUX},
 };
+
+constexpr bool all_below_ignored_codes() {
+    for (const partition_type &type : partition_types)
+        if (type.code >= 0x86)
+            return false;
+    return true;
+}
+static_assert(all_below_ignored_codes(), "codes of 0x86 and above must stay unlisted");
 
 bool contains(string_view line, string_view word) {
     return line.find(word) != string_view::npos;
