@@ -108,7 +108,7 @@ def test_sticks_plugged_used_and_pulled(arch, sticks, tmp_path):
         until(m, "! hotplugctl list | grep -q sdb")
         assert mounts(m) == []
 
-        # A new daemon (-D returns before its socket is made) knows nothing of the stick that stayed.
+        # A new daemon (-D returns before it has a socket) knows nothing of the stick left in.
         m.sh("exec 3<&-; kill $(pidof hotplugctl); hotplugctl stop && hotplugd -D -f && "
              "until [ -S /tmp/ktipc/ipc-hotplugd.sock ]; do sleep 0.1; done")
         assert m.sh("hotplugctl list").count("\n") == 1, "the header alone"
