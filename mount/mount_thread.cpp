@@ -114,8 +114,7 @@ int mnt_thread_loop(mount_thread_ctx *ctx) {
                 continue;
             if (batch == 0) {
                 // Idle: woken at once by a new request or a stop, and not otherwise.
-                if (mntmg_wait_running(ctx->queue, ctx->running) < 0)
-                    sleep(1);
+                mntmg_wait_running(ctx->queue, ctx->running);
                 continue;
             }
             // A batch ends after a quiet second: the records become visible to clients, then

@@ -71,6 +71,8 @@ TEST_F(QueueTest, SupersedeRuleMalformedElementsWaitsAndNulls) {
     other.join();
     EXPECT_TRUE(mntmg_setdata(nullptr, &out) == -1 && mntmg_getdata(queue, nullptr) == -1 &&
                 mntmg_wait(nullptr, 0) == -1 && mntmg_wait_running(queue, nullptr) == -1 &&
-                mntmg_wake(nullptr) == -1);
+                mntmg_wake(nullptr) == -1 && pthread_mutex_lock(&queue->mutex) == 0 &&
+                mntmg_wake(queue) == -1); // the last: a waiter that never lets go
+    pthread_mutex_unlock(&queue->mutex);
     mntmg_free(nullptr);
 }
