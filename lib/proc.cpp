@@ -34,11 +34,10 @@ char *closing_quote(char *open) {
     return nullptr;
 }
 
-// Points `target` (1 or 2) at /dev/null; a missing /dev/null leaves it as it was.
+// Points `target` (1 or 2) at /dev/null. Without /dev/null the open gives -1, and dup2 and
+// close of -1 fail and leave `target` as it was.
 void redirect_to_null(int target) {
     int fd = open("/dev/null", O_WRONLY);
-    if (fd < 0)
-        return;
     dup2(fd, target);
     if (fd != target)
         close(fd);
@@ -255,7 +254,7 @@ int proc_wait_exittm(ktprocess *proc, int options, unsigned int *timeout_ms, int
 
     if (timeout_ms != nullptr)
         *timeout_ms = elapsed;
-    if (result >= 1 && status != nullptr)
+    if (result > 0 && status != nullptr)
         *status = (raw & 0x7f) != 0 ? raw : (raw >> 8) & 0xff;
     return result;
 }

@@ -61,10 +61,13 @@ TEST(Proc, WaitAndTimedReadKeepTheirLimits) {
     ktprocess *p = proc_create(PROC_STDOUT_PIPE, "sleep 30");
     ASSERT_TRUE(p && p->pid > 0) << "kill(0) would signal the whole process group";
     unsigned int value = 250;
+    int status = -7; // a child still running has no status to give
     char buf[4];
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(proc_wait_exittm(p, 0, &value, nullptr) == 0 && value == 200) << value;
+    EXPECT_TRUE(proc_wait_exittm(p, 0, &value, &status) == 0 && value == 200 && status == -7);
     EXPECT_EQ(proc_readd_stdout_tm(p, buf, sizeof buf, "\n", &value), 0);
+    // A broken descriptor is a failure, not "nothing yet": the caller would wait on it forever.
+    EXPECT_TRUE(close(fileno(p->out)) == 0 && proc_readd_stdout_tm(p, buf, 4, "\n", &value) == -1);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 450ms);
     kill(p->pid, SIGTERM);
     EXPECT_EQ(finish(p), SIGTERM) << "the child was left alone";
