@@ -74,8 +74,6 @@ int hook_add_script(const sddb_record *record, uint16_t minor) {
     const int length = std::snprintf(command, sizeof command,
                                      "sh /etc/scripts/usbmount_helper.sh add %s %d %s \"%s\"", disk,
                                      record->partition, fs, mount_point.c_str());
-    if (length < 0)
-        return -1;
     std::printf("cmd %s\n", command);
     char partition[12];
     std::snprintf(partition, sizeof partition, "%d", record->partition);
