@@ -23,16 +23,12 @@ int compare_name(ktmngiterator node, const char *name) {
 // before the last entry when no entry is greater or equal. An equal name goes just before its
 // twin. Keep it so: the lists clients show must not change.
 ktmngiterator insert_position(ktlist *head, const char *name) {
-    if (head->next == head)
-        return head;
     for (ktmngiterator node = head->next; node != head; node = node->next) {
         int order = compare_name(node, name);
-        if (order == 0)
-            return node;
-        if (order > 0)
-            return node == head->next ? node : node->prev;
+        if (order >= 0)
+            return order == 0 || node == head->next ? node : node->prev;
     }
-    return head->prev;
+    return head->prev; // the head itself when the list is empty
 }
 
 } // namespace

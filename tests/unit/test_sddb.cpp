@@ -21,7 +21,7 @@ std::string order_after(const std::string &plugs) {
 
 TEST(Database, InsertionOnePlaceOffSortedRemovalNamesAndNulls) {
     const std::pair<const char *, const char *> cases[] = {
-        {"abC", "aCb"}, {"bcA", "Abc"}, {"abdC", "aCbd"}, {"abcB", "aBbc"}, {"ABCD", "BCDA"}};
+        {"abC", "aCb"}, {"bcA", "Abc"}, {"abdC", "aCbd"}, {"abbcB", "aBbbc"}, {"ABCD", "BCDA"}};
     for (auto [plugs, order] : cases)
         EXPECT_EQ(order_after(plugs), order) << plugs;
     sddb *db = sddb_initialize();
