@@ -10,6 +10,7 @@ packages=(
   g++-mipsel-linux-gnu qemu-user-static
   util-linux mount fdisk e2fsprogs dosfstools mtools disktype ntfs-3g tar
   file
+  valgrind  # the C programs' view of the containers is checked for leaks
   musl-tools musl-dev:mipsel
   qemu-system-x86 qemu-system-mips cpio kmod  # the test machines (scripts/vm/)
 )

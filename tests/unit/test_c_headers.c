@@ -2,30 +2,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "client/uevent.h"
-#include "config/ktcfg.h"
-#include "config/ktcfg_rom.h"
-#include "config/sysconf.h"
-#include "daemon/hotplugd.h"
-#include "daemon/receive.h"
-#include "lib/ktdaemon.h"
-#include "lib/ktipc.h"
-#include "lib/ktlist.h"
-#include "lib/ktmap.h"
-#include "lib/ktmnglist.h"
-#include "lib/ktutf8.h"
-#include "lib/proc.h"
-#include "mount/fsmount.h"
-#include "mount/hooks.h"
-#include "mount/mount_thread.h"
-#include "mount/probe.h"
-#include "mount/probe_text.h"
-#include "mount/unmount.h"
-#include "registry/drivename.h"
-#include "registry/mntmg.h"
-#include "registry/records.h"
-#include "registry/sddb.h"
-#include "registry/sysfs.h"
+#include "c_headers.h" /* every library header, in a list the build makes */
 
 static int failures, freed;
 static void count_free(void *copy) {
