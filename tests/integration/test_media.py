@@ -21,12 +21,15 @@ def test_each_medium(disks, start, client, tmp_path):
     settings(drvname="%V_%D")
     # ntfs-3g's ntfslabel under the name of the appliance's NTFS label tool.
     write(tmp_path / "bin" / "ntfsvlabel", '#!/bin/sh\nexec ntfslabel "$@"\n', 0o755)
+    # On sdf2 mlabel's words follow 108 control bytes: the 128th byte read is never kept.
+    write(tmp_path / "bin" / "mlabel", "#!/bin/sh\ncase $2 in */sdf2) printf %0108d 0 | tr 0 "
+          "'\\001';; esac\nexec /usr/bin/mlabel \"$@\"\n", 0o755)
     sdf = disks("f", serial="0123456789AB")
     fat32, fat = (20, 17) if VFAT else (0, 0)  # this kernel may have no FAT driver
     media = [  # partition, image, expected label, name, fs type once mounted or not
         (1, "mkfs.vfat -F 32 -n MYLABEL IMG", "40M", "_Volume_label_is_MYLABEL____",
          "Acme_Volume_89AB1", fat32),  # mlabel's whole output is the label
-        (2, "mkfs.vfat -F 12 IMG", "2M", "_Volume_has_no_label", "Acme_Volume_89AB2", fat),
+        (2, "mkfs.vfat -F 12 IMG", "2M", "_Volume_has_no_labe", "Acme_Volume_89AB2", fat),
         (4, "mkntfs -q -F -L 'My:Disk [1]' IMG", "8M", "My_Disk_(1)", "Acme_My_89AB4", 0),
         (5, "mkswap IMG", "8M", "Acme_Stick_89AB5", "Acme_Stick_89AB5", 0),
         (6, "true", "8M", "Acme_Stick_89AB6", "Acme_Stick_89AB6", 0),
@@ -69,3 +72,12 @@ def test_each_medium(disks, start, client, tmp_path):
                                                   ("fat", "ntfs", "ext2", "ext3")}
     assert all(pri == 27 for pri, text in d.texts() if "mount" in text and "sdf" in text)
 
+
+def test_name_pattern_leading_out_of_the_share_directory(disks, start, client):
+    settings(drvname="../Drive-%D")  # as another program may write it: nothing is mounted
+    sdg = disks("g")
+    sdg.plug(1)
+    start()
+    client.send(sdg.event(1, 1))
+    assert wait_for(lambda: calls(), 10) == [f"prog |AFTERMNT|{ENV}"]
+    assert client.ask(request(101)) == b"" and not os.path.exists(f"{SHARE}/../Drive-1")

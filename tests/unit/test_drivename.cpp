@@ -1,6 +1,7 @@
 // Tests of drive names and letters: slots, name rules, the letter file under its real lock.
 #include "config/ktcfg.h"
 #include "registry/drivename.h"
+#include "registry/drivename_internal.h"
 #include "tests/helpers/scratch.h"
 
 using namespace kt_test;
@@ -71,7 +72,9 @@ TEST_F(Drivename, FreshTableIdentifiersAndNamesWithLettersOff) {
     sddb_record r{};
     r.drive_slot = 26;
     EXPECT_TRUE(release_drivename(&table, &r) == -1 && release_drivename(nullptr, &r) == -1 &&
-                get_drivename(nullptr, nullptr, &r, 0, 0) == -1);
+                get_drivename(nullptr, nullptr, &r, 0, 0) == -1 &&
+                drivename::take_slot(&table, 26, 1, 1) == -1 && // past "Z": not in the table
+                drivename::take_slot(nullptr, 0, 1, 1) == -1);
     // Letters off. Id: the first word of a UTF-8 serial's first 128 bytes, under 5 whole, else its
     // last four. Vendor and model give their first word; a label stands unless "/", "$" or control.
     const std::string v100(100, 'V'), l120(120, 'L'),

@@ -26,7 +26,7 @@ TEST(ProbeText, KindsFromDisktypeLinesAndLabelsForShareNames) {
         {"Ext2 file system|Whatever partition_map", 1}, // a map wins after a file system
         {"  Type 0x83 (Linux)|Ext3 file system", 34},   // a type is only a hint
         {"Ext3 file system|  Type 0x07|Ext2 file system|Linux swap, v2", 34},
-        {"Ext4 file system|Type 0x86|Type 0xff|Type 0xZZ|Type 0x", 0},
+        {"Ext4 file system|Type 0x86|Type 0xef|Type 0xZZ|Type 0x", 0},
         {"Linux swap, version 2, subversion 1", 37},
         {"Type 0x82|Type 0x84", 37}}; // an unlisted code leaves the kind
     const std::pair<const char *, int32_t> simple[] = {
