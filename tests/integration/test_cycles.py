@@ -1,8 +1,7 @@
 """A whole cycle of the daemon on real loop devices, driven as integrators drive it, by hotplugctl
 and by raw datagrams: plug with drive letters, list and query, safe removal refused and done,
-mount again, unplug, stop with disks mounted. CTest runs it against the plain, the
-AddressSanitizer and the ThreadSanitizer build. The kernel's own events and a stick pulled with
-a file open are the test machines' (tests/vm)."""
+mount again, unplug, stop with disks mounted (also under the sanitizers). Real kernel events
+and a stick pulled with a file open: the test machines' (tests/vm)."""
 import json
 import os
 import subprocess

@@ -1,7 +1,6 @@
 """Faults from outside the daemon: full file systems, ROM devices that refuse, tools and
 programs that hang or flood their output, a disk gone before it is probed. Through each it does
-what its rules say, keeps answering, and keeps no descriptor or child it should not. (Hostile
-datagrams: fuzz/ and bench/; a letter file rewrite replaces the file whole: test_ktcfg.)"""
+what its rules say, keeps answering, and keeps no descriptor or child it should not."""
 import contextlib
 import os
 import subprocess

@@ -14,7 +14,6 @@ from conftest import (HARDENED, HOTPLUGD, SERVER, SHARE, calls, partition_map,
 
 
 def as_user(uid, datagram):
-    """Sends `datagram` to the daemon from a process of user `uid`."""
     subprocess.run(["setpriv", f"--reuid={uid}", f"--regid={uid}", "--clear-groups", sys.executable,
                     "-c", "import socket; socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)."
                     f"sendto({datagram!r}, {SERVER!r})"], check=True)

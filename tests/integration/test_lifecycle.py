@@ -1,6 +1,5 @@
-"""hotplugd's command line and lifecycle: help, options, the ROM and root checks, the pid file,
-a second instance, bad settings, detaching, Ctrl-C and the stop client; over its socket, client
-commands with good and bad names, malformed datagrams and the stop request."""
+"""hotplugd's command line and lifecycle (options, ROM and root checks, pid file, a second
+instance, detaching, Ctrl-C, stopping), and its answers to client commands and bad datagrams."""
 import os
 import re
 import shutil
