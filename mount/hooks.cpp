@@ -71,9 +71,17 @@ int hook_add_script(const sddb_record *record, uint16_t minor) {
     char command[command_size];
     // A mount point too long for the buffer is cut, closing quote and all: the shell then
     // refuses the line rather than run part of a name (so, hardened, the script is not run).
+    // The cut is meant, so GCC is not to warn of it where only the hardened build reads `length`.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-truncation"
+#endif
     const int length = std::snprintf(command, sizeof command,
                                      "sh /etc/scripts/usbmount_helper.sh add %s %d %s \"%s\"", disk,
                                      record->partition, fs, mount_point.c_str());
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
     std::printf("cmd %s\n", command);
     char partition[12];
     std::snprintf(partition, sizeof partition, "%d", record->partition);
