@@ -6,14 +6,18 @@ using namespace std::chrono_literals;
 
 TEST(Ipc, ExchangesRefusalsTakenPathsAndNames) {
     KT_NEEDS_SANDBOX("it works in /tmp/ktipc and mounts over /tmp");
-    ktipc *server = ktipc_create_serveripc("unit", 1), *peer = ktipc_create_clientipc(getpid(), 1);
+    ktipc *server = ktipc_create_serveripc("unit", 1 | KTIPC_PASS_CREDENTIALS),
+          *peer = ktipc_create_clientipc(getpid(), 1);
     char buf[8];
     sockaddr_un from{};
     auto *from_addr = reinterpret_cast<sockaddr *>(&from);
     socklen_t from_len = sizeof from;
     // A datagram longer than the buffer is cut, and the rest of it is lost.
     ASSERT_EQ(ktipc_send_path(peer, "ping", 4, KTIPC_DIR "/ipc-unit.sock"), 4);
-    EXPECT_TRUE(ktipc_receive(server, buf, 2, 1000, from_addr, &from_len) == 2 && buf[1] == 'i');
+    uid_t uid = 7; // the sender as the kernel vouches for it
+    gid_t gid = 7;
+    EXPECT_TRUE(ktipc_receive_cred(server, buf, 2, 1000, from_addr, &from_len, &uid, &gid) == 2 &&
+                buf[1] == 'i' && uid == getuid() && gid == getgid());
     EXPECT_EQ(from.sun_path, KTIPC_DIR "/ipc-" + std::to_string(getpid()) + ".sock");
     EXPECT_EQ(ktipc_send_addr(server, "pong", 4, from_addr, from_len), 4);
     EXPECT_EQ(ktipc_receive(peer, buf, 8, 1000, nullptr, nullptr), 4);
